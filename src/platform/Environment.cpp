@@ -1,0 +1,24 @@
+#include "platform/Environment.h"
+
+extern char** environ;
+
+namespace platform {
+
+Environment captureEnvironment() {
+    Environment env;
+    for (char** e = environ; e && *e; ++e) {
+        std::string entry = *e;
+        auto eq = entry.find('=');
+        if (eq == std::string::npos) continue;
+        env.emplace(entry.substr(0, eq), entry.substr(eq + 1));
+    }
+    return env;
+}
+
+std::optional<std::string> nonEmpty(const Environment& environment, const std::string& name) {
+    auto it = environment.find(name);
+    if (it == environment.end() || it->second.empty()) return std::nullopt;
+    return it->second;
+}
+
+}  // namespace platform

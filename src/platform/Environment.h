@@ -1,0 +1,18 @@
+// The process environment as a plain map, captured once at start and passed
+// explicitly to whatever reads it, so tests can hand in any environment.
+#pragma once
+#include <map>
+#include <optional>
+#include <string>
+
+namespace platform {
+
+using Environment = std::map<std::string, std::string>;
+
+// The environment of this process, as it is now.
+Environment captureEnvironment();
+
+// The value of a variable that is set and not empty.
+std::optional<std::string> nonEmpty(const Environment& environment, const std::string& name);
+
+}  // namespace platform
