@@ -69,3 +69,7 @@ const std::string& StudioLocation::linkNotification() {
     static const std::string value = notificationName(bundleIdentifier());
     return value;
 }
+
+std::string StudioLocation::mcpServerName(std::string_view identifier) {
+    return identifier == subjectIdentifier ? "studio-subject" : "vantoric-studio";
+}

@@ -40,4 +40,9 @@ struct StudioLocation {
     static std::string studioIdentifier(const std::optional<std::filesystem::path>& app,
                                         const platform::Bundles& bundles = platform::systemBundles());
     static std::string notificationName(std::string_view identifier);
+
+    // The MCP server name agents know the bridge by: "studio-subject" for the
+    // subject build, "vantoric-studio" for every other identifier.
+    static std::string mcpServerName(std::string_view identifier);
+    static std::string serverName() { return mcpServerName(bundleIdentifier()); }
 };
