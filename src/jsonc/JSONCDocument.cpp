@@ -10,10 +10,10 @@ std::optional<JSONCDocument::MemberLocation> JSONCDocument::member(const Path& p
         std::span<const Member> members = current->members();
         // From the back: of duplicate keys the last one is the one that counts.
         std::size_t index = members.size();
-        while (index > 0 && members[index - 1].key != key) --index;
+        while (index > 0 && members[index - 1].key() != key) --index;
         if (index == 0) return std::nullopt;
         found = {members, index - 1};
-        current = &found.member().value;
+        current = &found.member().value();
     }
     return found;
 }
@@ -21,7 +21,7 @@ std::optional<JSONCDocument::MemberLocation> JSONCDocument::member(const Path& p
 std::optional<JSONCDocument::Node> JSONCDocument::value(const Path& path) const {
     std::optional<MemberLocation> found = member(path);
     if (!found) return std::nullopt;
-    return found->member().value;
+    return found->member().value();
 }
 
 std::optional<std::vector<std::string>> JSONCDocument::strings(const Path& path) const {

@@ -45,7 +45,7 @@ public:
         bool operator==(const Range&) const = default;
     };
 
-    struct Member;
+    class Member;
 
     // One value. A cheap view: copy it freely while the document lives.
     class Node {
@@ -55,7 +55,7 @@ public:
         Kind kind() const { return kind_; }
         // From the value's first byte (brace, bracket, quote, first character
         // of a scalar) to one past its last; never any whitespace or comment.
-        Range range() const { return range_; }
+        Range range() const { return {lowerBound_, upperBound_}; }
 
         // An object's members in text order, duplicates kept; empty otherwise.
         std::span<const Member> members() const;
@@ -68,19 +68,38 @@ public:
     private:
         friend struct JSONCDocument::Parser;
 
-        Range range_;
+        // Offsets are kept in 32 bits (documents are limited to 1 GiB) so
+        // that the tree of a large document stays small.
         const void* payload_ = nullptr;  // Member[], Node[] or char[], by kind
-        std::size_t count_ = 0;
+        std::uint32_t lowerBound_ = 0;
+        std::uint32_t upperBound_ = 0;
+        std::uint32_t count_ = 0;
         Kind kind_ = Kind::scalar;
     };
 
-    struct Member {
-        std::string_view key;              // decoded
-        std::size_t keyStart = 0;          // offset of the key's opening quote
-        Node value;
+    class Member {
+    public:
+        // Decoded, like a string value.
+        std::string_view key() const { return {key_, keySize_}; }
+        // Offset of the key's opening quote.
+        std::size_t keyStart() const { return keyStart_; }
+        const Node& value() const { return value_; }
         // Offset of the comma after the value (after any whitespace and
         // comments); absent for a last member written without one.
-        std::optional<std::size_t> comma;
+        std::optional<std::size_t> comma() const {
+            if (comma_ == noComma) return std::nullopt;
+            return comma_;
+        }
+
+    private:
+        friend struct JSONCDocument::Parser;
+        static constexpr std::uint32_t noComma = UINT32_MAX;
+
+        Node value_;
+        const char* key_ = nullptr;
+        std::uint32_t keySize_ = 0;
+        std::uint32_t keyStart_ = 0;
+        std::uint32_t comma_ = noComma;
     };
 
     // Where a path leads: the members of the object holding the last key, and
@@ -91,8 +110,9 @@ public:
         const Member& member() const { return siblings[index]; }
     };
 
-    // The document, or nothing when the text is not acceptable JSONC. Nothing
-    // says why: callers decide what an unreadable document means.
+    // The document, or nothing when the text is not acceptable JSONC (or is
+    // 1 GiB or longer). Nothing says why: callers decide what an unreadable
+    // document means.
     static std::optional<JSONCDocument> parse(std::string_view text);
 
     // The text exactly as given, a leading byte-order mark included.
@@ -122,7 +142,10 @@ public:
 
 private:
     explicit JSONCDocument(std::shared_ptr<const Storage> storage);
-    static std::optional<JSONCDocument> parseOwned(std::string&& text);
+    // A document over bytes it does not own, for the edits' own checks: it
+    // must not outlive `text`.
+    static std::optional<JSONCDocument> parseBorrowed(std::string_view text);
+    static std::optional<JSONCDocument> build(std::shared_ptr<Storage> storage);
     // The byte ranges that removing member `of` of the object `in` deletes:
     // the member's own (widened to whole lines when it stands alone on them)
     // and, for a last member without a comma, the comma of the one before.

@@ -1,6 +1,7 @@
 // The two edits. Both splice the bytes at offsets the document recorded and
 // parse the result again before handing it out, so a caller never receives
-// text it could not read back.
+// text it could not read back. The documents made here only look at texts
+// this code holds, so they borrow those bytes instead of copying them.
 #include <algorithm>
 
 #include "jsonc/JSONCDocument.h"
@@ -16,11 +17,11 @@ bool isBlank(std::string_view bytes) {
 
 std::optional<std::string> JSONCDocument::replacingValue(const Path& at, std::string_view with,
                                                          std::string_view in) {
-    std::optional<JSONCDocument> document = parse(in);
+    std::optional<JSONCDocument> document = parseBorrowed(in);
     if (!document) return std::nullopt;
     std::optional<MemberLocation> found = document->member(at);
     if (!found) return std::nullopt;
-    Range old = found->member().value.range();
+    Range old = found->member().value().range();
 
     std::string edited;
     edited.reserve(in.size() - old.size() + with.size());
@@ -28,24 +29,26 @@ std::optional<std::string> JSONCDocument::replacingValue(const Path& at, std::st
     edited.append(with);
     edited.append(in.substr(old.upperBound));
 
-    std::optional<JSONCDocument> result = parseOwned(std::move(edited));
+    std::optional<JSONCDocument> result = parseBorrowed(edited);
     if (!result || !result->member(at)) return std::nullopt;
-    return std::string(result->bytes());
+    return edited;
 }
 
 std::vector<JSONCDocument::Range> JSONCDocument::removal(std::size_t of, std::span<const Member> in,
                                                          std::string_view bytes) {
     const Member& member = in[of];
-    std::size_t start = member.keyStart;
+    std::size_t start = member.keyStart();
     std::size_t end;
     std::optional<Range> previousComma;
-    if (member.comma) {
-        end = *member.comma + 1;
+    if (std::optional<std::size_t> comma = member.comma()) {
+        end = *comma + 1;
     } else {
         // The member before becomes the last one and gives up its comma, so
         // that no trailing comma appears that the user did not write.
-        end = member.value.range().upperBound;
-        if (of > 0 && in[of - 1].comma) previousComma = Range{*in[of - 1].comma, *in[of - 1].comma + 1};
+        end = member.value().range().upperBound;
+        if (of > 0) {
+            if (std::optional<std::size_t> before = in[of - 1].comma()) previousComma = Range{*before, *before + 1};
+        }
     }
 
     std::size_t lineStart = 0;
@@ -65,13 +68,14 @@ std::vector<JSONCDocument::Range> JSONCDocument::removal(std::size_t of, std::sp
 }
 
 std::optional<std::string> JSONCDocument::removingMember(const Path& at, std::string_view from) {
-    std::optional<JSONCDocument> document = parse(from);
+    std::optional<JSONCDocument> document = parseBorrowed(from);
     if (!document) return std::nullopt;
     std::optional<MemberLocation> found = document->member(at);
     if (!found) return std::nullopt;
 
     // Each pass removes the member the path finds, the last of any duplicates;
     // the next pass finds the one before it, until the path is gone.
+    std::string text;
     for (;;) {
         std::string_view bytes = document->bytes();
         std::vector<Range> ranges = removal(found->index, found->siblings, bytes);
@@ -97,9 +101,12 @@ std::optional<std::string> JSONCDocument::removingMember(const Path& at, std::st
         }
         edited.append(bytes.substr(kept));
 
-        document = parseOwned(std::move(edited));
+        // The old document borrows the old text: drop it before the text.
+        document.reset();
+        text = std::move(edited);
+        document = parseBorrowed(text);
         if (!document) return std::nullopt;
         found = document->member(at);
-        if (!found) return std::string(document->bytes());
+        if (!found) return text;
     }
 }

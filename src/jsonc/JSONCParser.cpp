@@ -10,6 +10,7 @@
 #include "jsonc/JSONCDocument.h"
 
 #include <array>
+#include <bit>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -20,18 +21,26 @@
 #include "jsonc/UTF8.h"
 
 struct JSONCDocument::Storage {
-    std::string bytes;
+    std::string owned;  // empty when the bytes are borrowed
+    std::string_view bytes;
+    // Nodes take about twice the text's size; one block usually holds them.
     std::pmr::monotonic_buffer_resource arena;
     Node root;
 
-    explicit Storage(std::string text)
-        : bytes(std::move(text)), arena(std::max<std::size_t>(4096, bytes.size())) {}
+    Storage(std::string ownedText, std::string_view text)
+        : owned(std::move(ownedText)),
+          bytes(owned.empty() ? text : owned),
+          arena(std::max<std::size_t>(4096, 2 * bytes.size())) {}
 };
 
 namespace {
 
 // Containers deeper than this are refused, which also bounds the recursion.
 constexpr int maximumDepth = 255;
+
+// Offsets and lengths are kept in 32 bits; a decoded string may be three
+// times as long as its text (each ill-formed byte becomes three).
+constexpr std::size_t maximumSize = std::size_t{1} << 30;
 
 enum : std::uint8_t {
     whitespaceByte = 1,   // space, tab, line feed, carriage return; nothing else
@@ -192,19 +201,25 @@ struct JSONCDocument::Parser {
         }
     }
 
+    static Node made(Node::Kind kind, std::size_t lowerBound, std::size_t upperBound,
+                     const void* payload = nullptr, std::size_t count = 0) {
+        Node node;
+        node.kind_ = kind;
+        node.lowerBound_ = static_cast<std::uint32_t>(lowerBound);
+        node.upperBound_ = static_cast<std::uint32_t>(upperBound);
+        node.payload_ = payload;
+        node.count_ = static_cast<std::uint32_t>(count);
+        return node;
+    }
+
     Node value() {
         skipTrivia();
         if (index >= size) throw Failure{};
         switch (bytes[index]) {
         case '"': {
-            Node node;
-            node.kind_ = Node::Kind::string;
-            node.range_.lowerBound = index;
+            std::size_t start = index;
             std::string_view text = string();
-            node.range_.upperBound = index;
-            node.payload_ = text.data();
-            node.count_ = text.size();
-            return node;
+            return made(Node::Kind::string, start, index, text.data(), text.size());
         }
         case '[':
             return array();
@@ -220,20 +235,20 @@ struct JSONCDocument::Parser {
         if (++depth > maximumDepth) throw Failure{};
     }
 
+    // Moves the children collected since `from` into the arena, in one piece.
     template <class T>
-    const T* keep(const std::vector<T>& open, std::size_t from) {
+    const T* keep(std::vector<T>& open, std::size_t from) {
         static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
         std::size_t count = open.size() - from;
         if (count == 0) return nullptr;
         void* place = arena.allocate(count * sizeof(T), alignof(T));
         std::memcpy(place, open.data() + from, count * sizeof(T));
+        open.resize(from);
         return static_cast<const T*>(place);
     }
 
     Node array() {
-        Node node;
-        node.kind_ = Node::Kind::array;
-        node.range_.lowerBound = index;
+        std::size_t start = index;
         open();
         std::size_t from = openElements.size();
         for (;;) {
@@ -253,17 +268,12 @@ struct JSONCDocument::Parser {
         }
         ++index;
         --depth;
-        node.range_.upperBound = index;
-        node.payload_ = keep(openElements, from);
-        node.count_ = openElements.size() - from;
-        openElements.resize(from);
-        return node;
+        std::size_t count = openElements.size() - from;
+        return made(Node::Kind::array, start, index, keep(openElements, from), count);
     }
 
     Node object() {
-        Node node;
-        node.kind_ = Node::Kind::object;
-        node.range_.lowerBound = index;
+        std::size_t start = index;
         open();
         std::size_t from = openMembers.size();
         for (;;) {
@@ -272,16 +282,18 @@ struct JSONCDocument::Parser {
             if (bytes[index] == '}') break;
             if (bytes[index] != '"') throw Failure{};
             Member member;
-            member.keyStart = index;
-            member.key = string();
+            member.keyStart_ = static_cast<std::uint32_t>(index);
+            std::string_view key = string();
+            member.key_ = key.data();
+            member.keySize_ = static_cast<std::uint32_t>(key.size());
             skipTrivia();
             if (index >= size || bytes[index] != ':') throw Failure{};
             ++index;
-            member.value = value();
+            member.value_ = value();
             skipTrivia();
             if (index >= size) throw Failure{};
             if (bytes[index] == ',') {
-                member.comma = index;
+                member.comma_ = static_cast<std::uint32_t>(index);
                 openMembers.push_back(member);
                 ++index;
                 continue;
@@ -292,11 +304,8 @@ struct JSONCDocument::Parser {
         }
         ++index;
         --depth;
-        node.range_.upperBound = index;
-        node.payload_ = keep(openMembers, from);
-        node.count_ = openMembers.size() - from;
-        openMembers.resize(from);
-        return node;
+        std::size_t count = openMembers.size() - from;
+        return made(Node::Kind::object, start, index, keep(openMembers, from), count);
     }
 
     Node scalar() {
@@ -304,10 +313,33 @@ struct JSONCDocument::Parser {
         while (index < size && (byteClasses[bytes[index]] & scalarByte)) ++index;
         std::string_view run(reinterpret_cast<const char*>(bytes + start), index - start);
         if (!isScalar(run)) throw Failure{};
-        Node node;
-        node.kind_ = Node::Kind::scalar;
-        node.range_ = {start, index};
-        return node;
+        return made(Node::Kind::scalar, start, index);
+    }
+
+    // Advances index over bytes a string holds as they are, eight at a time
+    // while eight remain.
+    void skipPlainStringBytes() {
+        constexpr std::uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+        auto holds = [&](std::uint64_t word, unsigned char c) {
+            std::uint64_t x = word ^ (ones * c);
+            return (x - ones) & ~x & highs;
+        };
+        while (size - index >= 8) {
+            std::uint64_t word;
+            std::memcpy(&word, bytes + index, 8);
+            // The lowest flagged byte is exact; flags above it may be spurious.
+            std::uint64_t special = holds(word, '"') | holds(word, '\\') | holds(word, '\n') |
+                                    holds(word, '\r') | (word & highs);
+            if (special) {
+                if constexpr (std::endian::native == std::endian::little) {
+                    index += std::countr_zero(special) / 8;
+                    return;
+                }
+                break;
+            }
+            index += 8;
+        }
+        while (index < size && (byteClasses[bytes[index]] & plainStringByte)) ++index;
     }
 
     // Reads the string whose opening quote is at index and leaves index one
@@ -316,7 +348,7 @@ struct JSONCDocument::Parser {
     std::string_view string() {
         std::size_t start = ++index;
         for (;;) {
-            while (index < size && (byteClasses[bytes[index]] & plainStringByte)) ++index;
+            skipPlainStringBytes();
             if (index >= size) throw Failure{};
             unsigned char c = bytes[index];
             if (c == '"') {
@@ -414,11 +446,16 @@ struct JSONCDocument::Parser {
 JSONCDocument::JSONCDocument(std::shared_ptr<const Storage> storage) : storage_(std::move(storage)) {}
 
 std::optional<JSONCDocument> JSONCDocument::parse(std::string_view text) {
-    return parseOwned(std::string(text));
+    if (text.size() >= maximumSize) return std::nullopt;
+    return build(std::make_shared<Storage>(std::string(text), std::string_view{}));
 }
 
-std::optional<JSONCDocument> JSONCDocument::parseOwned(std::string&& text) {
-    auto storage = std::make_shared<Storage>(std::move(text));
+std::optional<JSONCDocument> JSONCDocument::parseBorrowed(std::string_view text) {
+    if (text.size() >= maximumSize) return std::nullopt;
+    return build(std::make_shared<Storage>(std::string{}, text));
+}
+
+std::optional<JSONCDocument> JSONCDocument::build(std::shared_ptr<Storage> storage) {
     try {
         Parser parser(*storage);
         storage->root = parser.document();

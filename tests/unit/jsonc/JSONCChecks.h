@@ -55,16 +55,16 @@ inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::
         if (first != '{' || last != '}') return "an object's range is not its braces";
         std::size_t after = range.lowerBound + 1;
         for (const auto& member : node.members()) {
-            if (member.keyStart < after || bytes[member.keyStart] != '"')
+            if (member.keyStart() < after || bytes[member.keyStart()] != '"')
                 return "a key does not start at a quote after the previous member";
-            if (member.keyStart >= member.value.range().lowerBound) return "a key starts after its value";
-            if (!wellFormedUTF8(member.key)) return "a decoded key is not well-formed UTF-8";
-            if (std::string error = brokenInvariant(bytes, member.value); !error.empty()) return error;
-            after = member.value.range().upperBound;
-            if (member.comma) {
-                if (*member.comma < after || bytes[*member.comma] != ',')
+            if (member.keyStart() >= member.value().range().lowerBound) return "a key starts after its value";
+            if (!wellFormedUTF8(member.key())) return "a decoded key is not well-formed UTF-8";
+            if (std::string error = brokenInvariant(bytes, member.value()); !error.empty()) return error;
+            after = member.value().range().upperBound;
+            if (member.comma()) {
+                if (*member.comma() < after || bytes[*member.comma()] != ',')
                     return "a member's comma is not a comma after its value";
-                after = *member.comma + 1;
+                after = *member.comma() + 1;
             } else if (&member != &node.members().back()) {
                 return "a member other than the last has no comma";
             }
@@ -112,9 +112,9 @@ inline std::vector<JSONCDocument::Path> memberPaths(const JSONCDocument& documen
     auto visit = [&](auto& self, const JSONCDocument::Node& node) -> void {
         for (const auto& member : node.members()) {
             if (paths.size() >= limit) return;
-            path.emplace_back(member.key);
+            path.emplace_back(member.key());
             if (seen.insert(path).second) paths.push_back(path);
-            self(self, member.value);
+            self(self, member.value());
             path.pop_back();
         }
     };
@@ -143,10 +143,10 @@ inline std::vector<Range> expectedRemovalRanges(const JSONCDocument& document,
     std::string_view bytes = document.bytes();
     const auto& member = found->member();
     std::vector<Range> ranges;
-    std::size_t start = member.keyStart;
-    std::size_t end = member.comma ? *member.comma + 1 : member.value.range().upperBound;
-    if (!member.comma && found->index > 0) {
-        std::size_t comma = *found->siblings[found->index - 1].comma;
+    std::size_t start = member.keyStart();
+    std::size_t end = member.comma() ? *member.comma() + 1 : member.value().range().upperBound;
+    if (!member.comma() && found->index > 0) {
+        std::size_t comma = *found->siblings[found->index - 1].comma();
         ranges.push_back({comma, comma + 1});
     }
     auto blank = [&](std::size_t i) { return bytes[i] == ' ' || bytes[i] == '\t' || bytes[i] == '\r'; };

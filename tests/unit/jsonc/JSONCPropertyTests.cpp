@@ -281,9 +281,9 @@ void expectMatches(const JSONCDocument& document, const JSONCDocument::Node& nod
     auto elements = node.elements();
     ASSERT_EQ(members.size() + elements.size(), model.children.size()) << model.source;
     for (std::size_t i = 0; i < members.size(); ++i) {
-        EXPECT_EQ(members[i].key, model.keys[i]);
-        EXPECT_EQ(members[i].comma.has_value(), model.commas[i]);
-        expectMatches(document, members[i].value, model.children[i]);
+        EXPECT_EQ(members[i].key(), model.keys[i]);
+        EXPECT_EQ(members[i].comma().has_value(), model.commas[i]);
+        expectMatches(document, members[i].value(), model.children[i]);
     }
     for (std::size_t i = 0; i < elements.size(); ++i) expectMatches(document, elements[i], model.children[i]);
 }
@@ -326,7 +326,7 @@ TEST(JSONCGeneratedDocuments, ReplacingChangesOnlyTheValuesBytes) {
             ASSERT_EQ(replaced.has_value(), found.has_value()) << testing::PrintToString(path);
             if (!replaced) continue;
             ++replacements;
-            JSONCDocument::Range range = found->member().value.range();
+            JSONCDocument::Range range = found->member().value().range();
             EXPECT_EQ(*replaced, jsonccheck::splicing(generated.text, range, replacement.source));
             auto after = JSONCDocument::parse(*replaced);
             ASSERT_TRUE(after);
