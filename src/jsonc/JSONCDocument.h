@@ -119,8 +119,9 @@ public:
     std::string_view bytes() const;
     const Node& root() const;
 
-    // Follows the path through objects only; among duplicate keys the last
-    // one counts. Nothing for an empty path or one that does not resolve.
+    // Follows the path through objects only, comparing decoded keys byte for
+    // byte; among duplicate keys the last one counts. Nothing for an empty
+    // path or one that does not resolve.
     std::optional<MemberLocation> member(const Path& path) const;
     // The value of the member the path names.
     std::optional<Node> value(const Path& path) const;

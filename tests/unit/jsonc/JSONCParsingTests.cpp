@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <cstring>
 #include <random>
 #include <string>
 
@@ -19,6 +18,10 @@ using Kind = JSONCDocument::Node::Kind;
 using Range = JSONCDocument::Range;
 
 bool accepts(std::string_view text) { return JSONCDocument::parse(text).has_value(); }
+
+void expectVerdicts(std::initializer_list<std::pair<std::string_view, bool>> cases) {
+    for (auto [text, accepted] : cases) EXPECT_EQ(accepts(text), accepted) << text;
+}
 
 std::string_view sourceOf(const JSONCDocument& document, const JSONCDocument::Node& node) {
     return document.bytes().substr(node.range().lowerBound, node.range().size());
@@ -51,12 +54,7 @@ TEST(JSONCByteOffsets, ByteOrderMarkStaysInBytesAndShiftsOffsets) {
     ASSERT_TRUE(document);
     EXPECT_EQ(document->bytes(), "\xEF\xBB\xBF{}");
     EXPECT_EQ(document->root().range(), (Range{3, 5}));
-}
-
-TEST(JSONCByteOffsets, ByteOrderMarkIsOnlyRecognisedAtTheStart) {
-    EXPECT_FALSE(accepts(" \xEF\xBB\xBF{}"));
-    EXPECT_FALSE(accepts("\xEF\xBB{}"));
-    EXPECT_FALSE(accepts("\xEF\xBB\xBF"));
+    expectVerdicts({{" \xEF\xBB\xBF{}", false}, {"\xEF\xBB{}", false}, {"\xEF\xBB\xBF", false}});
 }
 
 TEST(JSONCByteOffsets, MemberRecordsKeyStartAndTrailingComma) {
@@ -104,28 +102,23 @@ TEST(JSONCByteOffsets, OffsetsCountBytesNotCharacters) {
     EXPECT_EQ(members[0].value().range(), (Range{text.find("\"日"), text.find(",")}));
 }
 
-TEST(JSONCTrivia, LineCommentBeforeAndAfterRoot) {
-    EXPECT_TRUE(accepts("// settings\n{}"));
-    EXPECT_TRUE(accepts("{} // no final line feed"));
-    EXPECT_TRUE(accepts("{}//"));
-    EXPECT_FALSE(accepts("// only a comment"));
-}
-
-TEST(JSONCTrivia, BlockCommentsMustClose) {
-    EXPECT_FALSE(accepts("{} /* unclosed"));
-    EXPECT_FALSE(accepts("{} /*"));
-    EXPECT_FALSE(accepts("{\"a\": /* unclosed 1}"));
-    EXPECT_TRUE(accepts("/**/{}"));
-    EXPECT_TRUE(accepts("/* a\n * b **/{}/***/"));
-}
-
-TEST(JSONCTrivia, ClosingMarkCannotShareTheOpeningStar) {
-    EXPECT_FALSE(accepts("{} /*/"));
-    EXPECT_TRUE(accepts("{} /*/ */"));
-}
-
-TEST(JSONCTrivia, BlockCommentsDoNotNest) {
-    EXPECT_FALSE(accepts("/* a /* b */ c */ {}"));
+TEST(JSONCTrivia, CommentsEndWhereTheyShould) {
+    expectVerdicts({
+        {"// settings\n{}", true},
+        {"{} // no final line feed", true},
+        {"{}//", true},
+        {"// only a comment", false},
+        {"{ // c\r\"a\": 1}", false},  // a carriage return does not end it
+        {"{ // c\r\n\"a\": 1}", true},
+        {"/**/{}", true},
+        {"/* a\n * b **/{}/***/", true},
+        {"{} /* unclosed", false},
+        {"{} /*", false},
+        {"{\"a\": /* unclosed 1}", false},
+        {"{} /*/", false},  // "*/" may not reuse the opening star
+        {"{} /*/ */", true},
+        {"/* a /* b */ c */ {}", false},  // no nesting
+    });
 }
 
 TEST(JSONCTrivia, CommentsMayStandBetweenEveryToken) {
@@ -138,64 +131,53 @@ TEST(JSONCTrivia, CommentsMayStandBetweenEveryToken) {
     EXPECT_EQ(sourceOf(*document, members[1].value()), "3");
 }
 
-TEST(JSONCTrivia, LoneSlashIsNotTrivia) {
-    EXPECT_FALSE(accepts("{} /"));
-    EXPECT_FALSE(accepts("{\"a\": / 1}"));
-    EXPECT_FALSE(accepts("/ {}"));
-}
-
-TEST(JSONCTrivia, OnlyFourBytesCountAsWhitespace) {
-    EXPECT_TRUE(accepts(" \t\r\n{ \t\r\n} \t\r\n"));
-    EXPECT_FALSE(accepts("\f{}"));
-    EXPECT_FALSE(accepts("{}\v"));
-    EXPECT_FALSE(accepts("{\xC2\xA0}"));
+TEST(JSONCTrivia, LoneSlashAndOtherBytesAreNotTrivia) {
+    expectVerdicts({
+        {"{} /", false},
+        {"{\"a\": / 1}", false},
+        {"/ {}", false},
+        {" \t\r\n{ \t\r\n} \t\r\n", true},
+        {"\f{}", false},
+        {"{}\v", false},
+        {"{\xC2\xA0}", false},
+    });
     EXPECT_FALSE(accepts(std::string_view("{}\0", 3)));
 }
 
-TEST(JSONCTrivia, LineCommentEndsAtLineFeedNotCarriageReturn) {
-    EXPECT_FALSE(accepts("{ // c\r\"a\": 1}"));
-    EXPECT_TRUE(accepts("{ // c\r\n\"a\": 1}"));
-}
-
-TEST(JSONCContainers, TrailingCommaIsAcceptedOnce) {
+TEST(JSONCContainers, OneTrailingCommaIsAccepted) {
     auto document = JSONCDocument::parse("[1, 2,]");
     ASSERT_TRUE(document);
     EXPECT_EQ(document->root().elements().size(), 2u);
-    EXPECT_TRUE(accepts("{\"a\": 1,}"));
-    EXPECT_FALSE(accepts("[1, 2,,]"));
-    EXPECT_FALSE(accepts("{\"a\": 1,,}"));
+    expectVerdicts({
+        {"{\"a\": 1,}", true},
+        {"[]", true},
+        {"{}", true},
+        {"[1, 2,,]", false},
+        {"{\"a\": 1,,}", false},
+        {"[1,,2]", false},
+        {"[,]", false},
+        {"{,}", false},
+        {"[,1]", false},
+    });
 }
 
-TEST(JSONCContainers, CommaWithNothingBeforeItFails) {
-    EXPECT_FALSE(accepts("[1,,2]"));
-    EXPECT_FALSE(accepts("[,]"));
-    EXPECT_FALSE(accepts("{,}"));
-    EXPECT_FALSE(accepts("[,1]"));
-    EXPECT_TRUE(accepts("[]"));
-    EXPECT_TRUE(accepts("{}"));
-}
-
-TEST(JSONCContainers, SeparatorsAreRequired) {
-    EXPECT_FALSE(accepts("[1 2]"));
-    EXPECT_FALSE(accepts("{\"a\": 1 \"b\": 2}"));
-    EXPECT_FALSE(accepts("{\"a\" 1}"));
-    EXPECT_FALSE(accepts("{\"a\":}"));
-    EXPECT_FALSE(accepts("{\"a\"}"));
-}
-
-TEST(JSONCContainers, KeysMustBeDoubleQuoted) {
-    EXPECT_FALSE(accepts("{a: 1}"));
-    EXPECT_FALSE(accepts("{'a': 1}"));
-    EXPECT_FALSE(accepts("{1: 1}"));
-}
-
-TEST(JSONCContainers, UnclosedOrMismatchedContainersFail) {
-    EXPECT_FALSE(accepts("{"));
-    EXPECT_FALSE(accepts("[1,"));
-    EXPECT_FALSE(accepts("[1"));
-    EXPECT_FALSE(accepts("{\"a\": 1"));
-    EXPECT_FALSE(accepts("[}"));
-    EXPECT_FALSE(accepts("{]"));
+TEST(JSONCContainers, MalformedContainersFail) {
+    expectVerdicts({
+        {"[1 2]", false},
+        {"{\"a\": 1 \"b\": 2}", false},
+        {"{\"a\" 1}", false},
+        {"{\"a\":}", false},
+        {"{\"a\"}", false},
+        {"{a: 1}", false},
+        {"{'a': 1}", false},
+        {"{1: 1}", false},
+        {"{", false},
+        {"[1,", false},
+        {"[1", false},
+        {"{\"a\": 1", false},
+        {"[}", false},
+        {"{]", false},
+    });
 }
 
 TEST(JSONCContainers, DuplicateKeysAreKeptInTextOrder) {
@@ -214,46 +196,35 @@ TEST(JSONCContainers, AnyValueMayBeTheRoot) {
     EXPECT_EQ(JSONCDocument::parse("[]")->root().kind(), Kind::array);
 }
 
-TEST(JSONCDocumentEnd, OnlyTriviaMayFollowTheRoot) {
-    EXPECT_FALSE(accepts("{ \"a\": 1 } x"));
-    EXPECT_FALSE(accepts("{}{}"));
-    EXPECT_FALSE(accepts("{},"));
-    EXPECT_FALSE(accepts("1 2"));
+TEST(JSONCDocumentEnd, OneValueAndNothingButTriviaAfterIt) {
+    expectVerdicts({
+        {"{ \"a\": 1 } x", false},
+        {"{}{}", false},
+        {"{},", false},
+        {"1 2", false},
+        {"", false},
+        {"   ", false},
+        {"/* */", false},
+    });
 }
 
-TEST(JSONCDocumentEnd, EmptyOrBlankTextFails) {
-    EXPECT_FALSE(accepts(""));
-    EXPECT_FALSE(accepts("   "));
-    EXPECT_FALSE(accepts("/* */"));
-}
-
-TEST(JSONCNestingLimit, TwoHundredFiftyFiveOpenContainersParse) {
+TEST(JSONCNestingLimit, AtMostTwoHundredFiftyFiveOpenContainers) {
     EXPECT_TRUE(accepts(nested(255)));
     EXPECT_FALSE(accepts(nested(256)));
     EXPECT_TRUE(accepts(nested(254).insert(254, "{}")));
     EXPECT_FALSE(accepts(nested(255).insert(255, "{}")));
-}
-
-TEST(JSONCNestingLimit, ObjectsCountLikeArrays) {
-    std::string deep;
-    for (int i = 0; i < 255; ++i) deep += "{\"k\":";
-    deep += "0";
-    deep += std::string(255, '}');
-    EXPECT_TRUE(accepts(deep));
-    EXPECT_FALSE(accepts("[" + deep + "]"));
-}
-
-TEST(JSONCNestingLimit, ClosedContainersNoLongerCount) {
+    std::string objects;
+    for (int i = 0; i < 255; ++i) objects += "{\"k\":";
+    objects += "0" + std::string(255, '}');
+    EXPECT_TRUE(accepts(objects));
+    EXPECT_FALSE(accepts("[" + objects + "]"));
+    // Only containers still open count.
     std::string inner = nested(254);
     EXPECT_TRUE(accepts("[" + inner + "," + inner + "," + inner + "]"));
 }
 
 TEST(JSONCScalars, LiteralsAreLowerCaseOnly) {
-    EXPECT_TRUE(accepts("[true, false, null]"));
-    EXPECT_FALSE(accepts("[True]"));
-    EXPECT_FALSE(accepts("[NULL]"));
-    EXPECT_FALSE(accepts("[truex]"));
-    EXPECT_FALSE(accepts("[nul]"));
+    expectVerdicts({{"[true, false, null]", true}, {"[True]", false}, {"[NULL]", false}, {"[truex]", false}});
 }
 
 TEST(JSONCScalars, NumbersBeyondJSONAreAccepted) {
