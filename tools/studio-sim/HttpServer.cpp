@@ -40,6 +40,7 @@ constexpr auto tupled = asio::as_tuple(asio::use_awaitable);
 constexpr std::uint64_t kMaxMcpBody = 64u << 20;
 constexpr std::size_t kMaxHeader = 64 * 1024;
 constexpr std::size_t kSendfileChunk = 16u << 20;
+constexpr std::size_t kReadBuffer = 1u << 20;
 constexpr auto kPollInterval = 20ms;
 constexpr const char* kServer = "Vantoric Studio (studio-sim)";
 
@@ -85,6 +86,9 @@ struct HttpServer::Impl : std::enable_shared_from_this<Impl> {
         boost::system::error_code ignored;
         socket.set_option(tcp::no_delay(true), ignored);
         beast::flat_buffer buffer;
+        // Beast reads at most the buffer's free capacity at a time; a buffer
+        // sized for headers alone would stream an upload in 512-byte reads.
+        buffer.reserve(kReadBuffer);
         for (;;) {
             HeadParser head;
             head.header_limit(kMaxHeader);
