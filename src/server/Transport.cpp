@@ -143,6 +143,7 @@ StudioMCPBridge::Task<void> StudioMCPBridge::drain(std::chrono::steady_clock::du
     for (auto& [requestKey, entry] : calls) entry->cancel();
 
     // Each finishing request removes its own entry.
+    if (calls.empty()) co_return;
     const auto deadline = std::chrono::steady_clock::now() + within;
     boost::asio::steady_timer timer(co_await boost::asio::this_coro::executor);
     while (!calls.empty() && std::chrono::steady_clock::now() < deadline) {
