@@ -24,7 +24,7 @@ const std::string* actionIn(const Json& arguments) {
 
 }  // namespace
 
-StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_ptr<Call> call) {
+StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_ptr<Call> entry) {
     if (!request.is_object()) co_return;
     auto methodMember = request.find("method");
     auto idMember = request.find("id");
@@ -52,7 +52,7 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
                 if (auto given = params.find("arguments"); given != params.end() && given->is_object())
                     arguments = std::move(*given);
                 try {
-                    computed = co_await this->call(name->get<std::string>(), std::move(arguments));
+                    computed = co_await call(name->get<std::string>(), std::move(arguments));
                 } catch (const Cancellation&) {
                     // passes through: no reply
                 } catch (const std::exception& failure) {
@@ -80,7 +80,7 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
 
     if (fault)
         send(errorReply(id, fault->code, fault->message));
-    else if (computed && !call->cancelled)
+    else if (computed && !entry->cancelled)
         send(successReply(id, std::move(*computed)));
     calls.erase(key(id));
 }

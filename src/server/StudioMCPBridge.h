@@ -102,7 +102,7 @@ public:
     // ---- call routing and results ----
 
     // Answers one request and, last of all, removes its entry from `calls`.
-    Task<void> answer(Json request, std::shared_ptr<Call> call);
+    Task<void> answer(Json request, std::shared_ptr<Call> entry);
     // Routes one tool call: refuses unknown parameters, sends the file tools
     // to the bridge's own handlers and everything else to Studio.
     Task<Json> call(std::string tool, Json arguments);
@@ -161,7 +161,7 @@ private:
     // link and the pending establishment).
     void stopLink();
 
-    static Task<void> run(std::weak_ptr<StudioMCPBridge> bridge, Json request, std::shared_ptr<Call> call);
+    static Task<void> run(std::weak_ptr<StudioMCPBridge> bridge, Json request, std::shared_ptr<Call> entry);
 
     Strand strand_;
     const platform::Bundles& bundles_;

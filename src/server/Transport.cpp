@@ -127,10 +127,10 @@ void StudioMCPBridge::start(Json request, const Json& id) {
 }
 
 StudioMCPBridge::Task<void> StudioMCPBridge::run(std::weak_ptr<StudioMCPBridge> bridge, Json request,
-                                                 std::shared_ptr<Call> call) {
+                                                 std::shared_ptr<Call> entry) {
     auto self = bridge.lock();
     if (!self) co_return;
-    co_await self->answer(std::move(request), std::move(call));
+    co_await self->answer(std::move(request), std::move(entry));
 }
 
 void StudioMCPBridge::send(const Json& message) {

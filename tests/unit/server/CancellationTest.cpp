@@ -13,12 +13,6 @@ TEST(CancellingRequests, NumberKeyCancelsOnlyTheNumericId) {
     EXPECT_TRUE(harness.bridge->calls.empty());
 }
 
-TEST(CancellingRequests, StringKeyCancelsOnlyTheStringId) {
-    BridgeHarness harness;
-    harness.receive({request(7, "ping"), request("7", "tools/list"), cancelled("7")});
-    EXPECT_EQ(harness.reply()["id"], 7);
-}
-
 TEST(CancellingRequests, EqualNumbersWrittenDifferentlyShareAKey) {
     BridgeHarness harness;
     harness.receive({request(3, "ping"), cancelled(3.0)});
