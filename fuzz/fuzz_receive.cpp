@@ -44,9 +44,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     boost::asio::post(bridge->strand(), [&] {
         LineSplitter splitter;
-        std::vector<std::string> lines;
+        std::vector<std::string_view> lines;
         splitter.feed(std::string_view(reinterpret_cast<const char*>(data), size), lines);
-        if (auto last = splitter.finish()) lines.push_back(std::move(*last));
+        auto last = splitter.finish();
+        if (last) lines.push_back(*last);
         for (const auto& line : lines) bridge->receive(line);
     });
     context.run();

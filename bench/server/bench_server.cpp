@@ -5,6 +5,8 @@
 //   throughput: 20,000 "ping" requests written without waiting for replies,
 //             until the last reply is read (median of 5 runs);
 //   memory: the largest peak resident set of any of those processes.
+// Wall times suffer when other work shares the two cores; the start-up
+// row therefore also shows the CPU time the bridge itself spent.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -86,8 +88,13 @@ void readLines(int fd, long lines) {
     }
 }
 
-// Closes input, reaps the child; its peak resident set in kilobytes.
-long finish(Child& child) {
+struct Usage {
+    long peakKB;
+    double cpuMs;  // user and system time of the whole run
+};
+
+// Closes input, reaps the child; what it used.
+Usage finish(Child& child) {
     close(child.in);
     char buffer[4096];
     while (read(child.out, buffer, sizeof buffer) > 0) {
@@ -97,7 +104,8 @@ long finish(Child& child) {
     rusage usage{};
     while (wait4(child.pid, &status, 0, &usage) < 0 && errno == EINTR) {
     }
-    return usage.ru_maxrss;
+    auto ms = [](const timeval& t) { return t.tv_sec * 1000.0 + t.tv_usec / 1000.0; };
+    return {usage.ru_maxrss, ms(usage.ru_utime) + ms(usage.ru_stime)};
 }
 
 fs::path makeStudio(const fs::path& dir) {
@@ -150,14 +158,16 @@ int main(int argc, char** argv) {
     const std::string initialize =
         "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"initialize\",\"params\":{\"protocolVersion\":\"2025-06-18\","
         "\"capabilities\":{},\"clientInfo\":{\"name\":\"bench\",\"version\":\"1\"}}}\n";
-    std::vector<double> startups;
+    std::vector<double> startups, startupCPU;
     for (int run = 0; run < startupRuns; ++run) {
         auto start = Clock::now();
         Child child = spawn(binary, environment);
         writeAll(child.in, initialize);
         readLines(child.out, 1);
         startups.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-        peak = std::max(peak, finish(child));
+        Usage used = finish(child);
+        peak = std::max(peak, used.peakKB);
+        startupCPU.push_back(used.cpuMs);
     }
 
     std::string input;
@@ -173,7 +183,7 @@ int main(int argc, char** argv) {
         double seconds = std::chrono::duration<double>(Clock::now() - start).count();
         writer.join();
         rates.push_back(pings / seconds);
-        peak = std::max(peak, finish(child));
+        peak = std::max(peak, finish(child).peakKB);
     }
     fs::remove_all(dir);
 
@@ -185,6 +195,8 @@ int main(int argc, char** argv) {
     std::printf("| start-up to initialize reply, 200 tools (median/20) | %8.2f ms       | < 5 ms        |\n", startup);
     std::printf("|   fastest / slowest of the 20                       | %6.2f / %6.2f ms |               |\n",
                 *std::min_element(startups.begin(), startups.end()), *std::max_element(startups.begin(), startups.end()));
+    std::printf("|   CPU time of the bridge per run, start to exit     | %8.2f ms       |               |\n",
+                median(startupCPU));
     std::printf("| 20,000 pipelined pings (median of %d runs)            | %8.0f msg/s    | >= 100,000    |\n", pingRuns, rate);
     std::printf("| peak resident set (largest of all runs)             | %8.2f MB       | < 10 MB       |\n", peakMB);
     bool met = startup < 5.0 && rate >= 100000 && peakMB < 10.0;

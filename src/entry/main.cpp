@@ -1,6 +1,7 @@
 // vantoric-studio-mcp: with no argument an MCP server on standard input and
 // output, with any argument the installer. The environment is read once and
 // Studio located once, so both modes see the same bundle.
+#include <malloc.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -58,6 +59,9 @@ fs::path currentFolder() {
 int main(int argc, char** argv) {
     // A write to an agent that closed its end must fail, not end the process.
     std::signal(SIGPIPE, SIG_IGN);
+    // Two threads, one of which only reads: a second malloc arena would cost
+    // start-up time (a fresh heap mapped and faulted in) and buy nothing.
+    mallopt(M_ARENA_MAX, 1);
 
     const platform::Environment environment = platform::captureEnvironment();
     const std::optional<fs::path> executable = platform::ownExecutable();

@@ -1,6 +1,7 @@
 #include "server/Catalog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utf8proc.h>
 
@@ -18,6 +19,8 @@ std::optional<std::string> readWholeFile(const fs::path& path) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
     std::string bytes;
+    if (struct stat info{}; ::fstat(fd, &info) == 0 && info.st_size > 0)
+        bytes.reserve(static_cast<size_t>(info.st_size));
     char buffer[65536];
     for (;;) {
         ssize_t n = ::read(fd, buffer, sizeof buffer);
@@ -166,6 +169,68 @@ std::optional<std::string> Catalog::catalogData(const std::optional<fs::path>& a
 std::optional<Json> Catalog::catalogObject(const std::optional<std::string>& catalog) {
     if (!catalog) return std::nullopt;
     return parseObject(*catalog);
+}
+
+namespace {
+
+// Follows the parse event by event, keeping only the top-level
+// "instructions" value. A repeated member counts as the parser's tree would
+// keep it: the last one.
+class InstructionsReader final : public nlohmann::json_sax<Json> {
+public:
+    bool topIsObject = false;
+    std::optional<std::string> instructions;
+
+    bool null() override { return value(); }
+    bool boolean(bool) override { return value(); }
+    bool number_integer(number_integer_t) override { return value(); }
+    bool number_unsigned(number_unsigned_t) override { return value(); }
+    bool number_float(number_float_t, const string_t&) override { return value(); }
+    bool binary(binary_t&) override { return value(); }
+    bool string(string_t& text) override {
+        if (expecting_) instructions = std::move(text);
+        return value();
+    }
+    bool start_object(std::size_t) override {
+        if (depth_ == 0) topIsObject = true;
+        return open();
+    }
+    bool start_array(std::size_t) override { return open(); }
+    bool end_object() override { return close(); }
+    bool end_array() override { return close(); }
+    bool key(string_t& name) override {
+        expecting_ = depth_ == 1 && name == "instructions";
+        if (expecting_) instructions.reset();
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+private:
+    bool value() {
+        expecting_ = false;
+        return true;
+    }
+    bool open() {
+        ++depth_;
+        return value();
+    }
+    bool close() {
+        --depth_;
+        return true;
+    }
+
+    std::size_t depth_ = 0;
+    bool expecting_ = false;
+};
+
+}  // namespace
+
+std::optional<std::string> Catalog::instructionsIn(const std::optional<std::string>& catalog) {
+    if (!catalog || !nestsWithinReadingDepth(*catalog)) return std::nullopt;
+    InstructionsReader reader;
+    if (!Json::sax_parse(*catalog, &reader, nlohmann::detail::input_format_t::json, true) || !reader.topIsObject)
+        return std::nullopt;
+    return std::move(reader.instructions);
 }
 
 Json Catalog::placeholderTools() {

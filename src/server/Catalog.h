@@ -26,6 +26,12 @@ struct Catalog {
     // The catalog's top-level object, when it has one.
     static std::optional<Json> catalogObject(const std::optional<std::string>& catalog);
 
+    // The catalog's "instructions" string, when the catalog is JSON whose top
+    // level is an object with such a member. Reads the text without building
+    // the whole tree, so that answering "initialize" stays cheap however
+    // many tools the catalog lists.
+    static std::optional<std::string> instructionsIn(const std::optional<std::string>& catalog);
+
     // The catalog's "tools" array unchanged, or the one placeholder tool
     // "studio_status".
     static Json toolsIn(const std::optional<std::string>& catalog);

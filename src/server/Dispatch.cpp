@@ -31,8 +31,10 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
     if (methodMember == request.end() || !methodMember->is_string() || idMember == request.end()) co_return;
     const std::string method = methodMember->get<std::string>();
     const Json id = *idMember;
-    Json params = Json::object();
-    if (auto given = request.find("params"); given != request.end() && given->is_object()) params = std::move(*given);
+    static const Json noParams = Json::object();
+    Json* given = nullptr;
+    if (auto member = request.find("params"); member != request.end() && member->is_object()) given = &*member;
+    const Json& params = given ? *given : noParams;
 
     std::optional<Json> computed;
     std::optional<Fault> fault;
@@ -49,8 +51,8 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
                 fault = Fault{-32602, "tools/call needs a name."};
             } else {
                 Json arguments = Json::object();
-                if (auto given = params.find("arguments"); given != params.end() && given->is_object())
-                    arguments = std::move(*given);
+                if (auto member = given->find("arguments"); member != given->end() && member->is_object())
+                    arguments = std::move(*member);
                 try {
                     computed = co_await call(name->get<std::string>(), std::move(arguments));
                 } catch (const Cancellation&) {
@@ -81,7 +83,7 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
     if (fault)
         send(errorReply(id, fault->code, fault->message));
     else if (computed && !entry->cancelled)
-        send(successReply(id, std::move(*computed)));
+        sendLine(successLine(id, *computed));
     calls.erase(key(id));
 }
 

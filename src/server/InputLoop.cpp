@@ -13,18 +13,20 @@
 #include "platform/Log.h"
 #include "server/StudioMCPBridge.h"
 
-void LineSplitter::feed(std::string_view bytes, std::vector<std::string>& lines) {
-    for (;;) {
-        size_t end = bytes.find('\n');
-        if (end == std::string_view::npos) break;
-        if (buffer_.empty()) {
-            if (end > 0) lines.emplace_back(bytes.substr(0, end));
-        } else {
-            buffer_.append(bytes.substr(0, end));
-            lines.push_back(std::move(buffer_));
-            buffer_.clear();
-        }
+void LineSplitter::feed(std::string_view bytes, std::vector<std::string_view>& lines) {
+    joined_.clear();
+    size_t end = bytes.find('\n');
+    if (!buffer_.empty() && end != std::string_view::npos) {
+        joined_.swap(buffer_);
+        joined_.append(bytes.substr(0, end));
+        lines.push_back(joined_);
         bytes.remove_prefix(end + 1);
+        end = bytes.find('\n');
+    }
+    while (end != std::string_view::npos) {
+        if (end > 0) lines.push_back(bytes.substr(0, end));
+        bytes.remove_prefix(end + 1);
+        end = bytes.find('\n');
     }
     buffer_.append(bytes);
 }
@@ -39,7 +41,7 @@ std::optional<std::string> LineSplitter::finish() {
 namespace {
 
 // Hands the lines to the strand and waits until every one was received.
-void deliver(const std::shared_ptr<StudioMCPBridge>& bridge, std::vector<std::string>& lines) {
+void deliver(const std::shared_ptr<StudioMCPBridge>& bridge, std::vector<std::string_view>& lines) {
     if (lines.empty()) return;
     std::binary_semaphore received(0);
     boost::asio::post(bridge->strand(), [&] {
@@ -77,21 +79,25 @@ ssize_t readSome(int fd, char* buffer, size_t size) {
 std::thread startInputLoop(int fd, std::shared_ptr<StudioMCPBridge> bridge, std::function<void()> finished) {
     return std::thread([fd, bridge = std::move(bridge), finished = std::move(finished)]() mutable {
         LineSplitter splitter;
-        std::vector<std::string> lines;
-        std::vector<char> chunk(1 << 16);
+        std::vector<std::string_view> lines;
+        std::optional<std::string> last;
+        // Not zeroed: a short message touches one page of it, not sixteen.
+        constexpr size_t chunkSize = 1 << 16;
+        std::unique_ptr<char[]> chunk(new char[chunkSize]);
         for (;;) {
-            ssize_t n = readSome(fd, chunk.data(), chunk.size());
+            ssize_t n = readSome(fd, chunk.get(), chunkSize);
             if (n < 0) {
                 platform::log("Cannot read standard input: " + std::system_category().message(errno) + ".");
                 splitter.discard();
                 break;
             }
             if (n == 0) {
-                if (auto last = splitter.finish()) lines.push_back(std::move(*last));
+                last = splitter.finish();
+                if (last) lines.push_back(*last);
                 deliver(bridge, lines);
                 break;
             }
-            splitter.feed(std::string_view(chunk.data(), static_cast<size_t>(n)), lines);
+            splitter.feed(std::string_view(chunk.get(), static_cast<size_t>(n)), lines);
             deliver(bridge, lines);
         }
         boost::asio::co_spawn(bridge->strand(), bridge->drain(),

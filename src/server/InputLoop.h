@@ -21,14 +21,17 @@ class StudioMCPBridge;
 // Cuts a byte stream into lines. Plain value; one thread at a time.
 class LineSplitter {
 public:
-    // Appends the complete, non-empty lines that the bytes finish to `lines`.
-    void feed(std::string_view bytes, std::vector<std::string>& lines);
+    // Appends the complete, non-empty lines that the bytes finish to
+    // `lines`. The views point into `bytes` or into the splitter, and stay
+    // valid until the next call or until `bytes` goes away.
+    void feed(std::string_view bytes, std::vector<std::string_view>& lines);
     // The unfinished last line, if it is not empty; the buffer is emptied.
     std::optional<std::string> finish();
     void discard() { buffer_.clear(); }
 
 private:
-    std::string buffer_;
+    std::string buffer_;  // the unfinished line
+    std::string joined_;  // a line begun in an earlier read and ended in this one
 };
 
 // Starts the reading thread on `fd`; the caller joins it.

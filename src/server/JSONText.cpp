@@ -65,6 +65,8 @@ std::string JSONText::text() const {
 
 std::string compactJSON(const Json& object) { return JSONText{object}.text(); }
 
+bool nestsWithinReadingDepth(std::string_view text) { return nestsWithin(text, maximumDepth); }
+
 std::optional<Json> parseJSON(std::string_view text) {
     if (!nestsWithin(text, maximumDepth)) return std::nullopt;
     Json value = Json::parse(text.begin(), text.end(), nullptr, false);

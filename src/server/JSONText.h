@@ -31,6 +31,9 @@ std::string compactJSON(const Json& object);
 // is refused as if it did not parse.
 inline constexpr std::size_t maximumDepth = 512;
 
+// Whether the text nests arrays and objects no deeper than maximumDepth.
+bool nestsWithinReadingDepth(std::string_view text);
+
 // The value of a JSON text whose top level is an object or an array, or
 // nothing. Invalid UTF-8 inside strings does not parse.
 std::optional<Json> parseJSON(std::string_view text);

@@ -14,8 +14,14 @@ std::string SessionSetup::notFoundInstructions() {
 std::string SessionSetup::instructions(std::string_view text, std::string_view serverName) {
     const std::string release = StudioLocation::mcpServerName(StudioLocation::releaseIdentifier);
     if (serverName == release) return std::string(text);
-    const std::string quoted = "\"" + release + "\"";
-    const std::string replacement = "\"" + std::string(serverName) + "\"";
+    const auto inQuotes = [](std::string_view name) {
+        std::string out(1, '"');
+        out.append(name);
+        out.push_back('"');
+        return out;
+    };
+    const std::string quoted = inQuotes(release);
+    const std::string replacement = inQuotes(serverName);
     std::string out;
     size_t from = 0;
     for (size_t at; (at = text.find(quoted, from)) != std::string_view::npos; from = at + quoted.size()) {
@@ -56,9 +62,7 @@ Json SessionSetup::initializeResult(const Json& params, const std::optional<std:
     const bool subject = bundleIdentifier == StudioLocation::subjectIdentifier;
 
     std::string text = notFoundInstructions();
-    if (auto object = Catalog::catalogObject(catalog))
-        if (auto given = object->find("instructions"); given != object->end() && given->is_string())
-            text = instructions(given->get_ref<const std::string&>(), serverName);
+    if (auto given = Catalog::instructionsIn(catalog)) text = instructions(*given, serverName);
 
     Json listChanged = Json::object();
     listChanged["listChanged"] = false;

@@ -2,7 +2,7 @@
 
 #include "server/PathResolution.h"
 
-std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(Executor executor, std::optional<std::filesystem::path> app,
+std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,
                                                          std::optional<std::string> catalog,
                                                          std::filesystem::path workingDirectory, Output output,
                                                          Timing timing, const platform::Bundles& bundles) {
@@ -11,7 +11,7 @@ std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(Executor executor, std:
                                                                 std::move(output), timing, bundles));
 }
 
-StudioMCPBridge::StudioMCPBridge(Executor executor, std::optional<std::filesystem::path> app,
+StudioMCPBridge::StudioMCPBridge(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,
                                  std::optional<std::string> catalog, std::filesystem::path workingDirectory,
                                  Output output, Timing timing, const platform::Bundles& bundles)
     : app(std::move(app)),
@@ -19,7 +19,7 @@ StudioMCPBridge::StudioMCPBridge(Executor executor, std::optional<std::filesyste
       workingDirectory(std::move(workingDirectory)),
       output(std::move(output)),
       timing(timing),
-      strand_(boost::asio::make_strand(std::move(executor))),
+      strand_(executor),
       bundles_(bundles) {}
 
 void StudioMCPBridge::Call::cancel() {

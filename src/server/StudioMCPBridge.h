@@ -26,6 +26,7 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/cancellation_signal.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/strand.hpp>
 
 #include "link/StudioLocation.h"
@@ -52,8 +53,11 @@ class StudioMCPBridge : public StudioLocation,
                         public Catalog,
                         public std::enable_shared_from_this<StudioMCPBridge> {
 public:
+    // Coroutines see the strand through the type-erased executor; the strand
+    // wraps the io_context's own executor, which keeps it small enough to be
+    // held inline there (no allocation at each suspension).
     using Executor = boost::asio::any_io_executor;
-    using Strand = boost::asio::strand<Executor>;
+    using Strand = boost::asio::strand<boost::asio::io_context::executor_type>;
     template <typename T>
     using Task = boost::asio::awaitable<T, Executor>;
     // Writes one complete message line; called only from the strand.
@@ -76,7 +80,7 @@ public:
         void cancel();
     };
 
-    static std::shared_ptr<StudioMCPBridge> create(Executor executor, std::optional<std::filesystem::path> app,
+    static std::shared_ptr<StudioMCPBridge> create(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,
                                                    std::optional<std::string> catalog,
                                                    std::filesystem::path workingDirectory, Output output,
                                                    Timing timing = {},
@@ -147,7 +151,7 @@ public:
     const Timing timing;
 
 private:
-    StudioMCPBridge(Executor executor, std::optional<std::filesystem::path> app, std::optional<std::string> catalog,
+    StudioMCPBridge(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app, std::optional<std::string> catalog,
                     std::filesystem::path workingDirectory, Output output, Timing timing,
                     const platform::Bundles& bundles);
 
@@ -157,6 +161,7 @@ private:
     void start(Json request, const Json& id);
     // Writes one message as one line.
     void send(const Json& message);
+    void sendLine(const std::optional<std::string>& line);
     // Stops what the link started (drain steps for the lifetime listener, the
     // link and the pending establishment).
     void stopLink();

@@ -1,5 +1,6 @@
 #include "server/Transport.h"
 
+#include <cstdint>
 #include <cstdio>
 
 #include <boost/asio/as_tuple.hpp>
@@ -16,8 +17,9 @@
 std::string Transport::key(const Json& id) {
     switch (id.type()) {
     case Json::value_t::number_integer:
+        return "n:" + std::to_string(id.get<std::int64_t>());
     case Json::value_t::number_unsigned:
-        return "n:" + id.dump();
+        return "n:" + std::to_string(id.get<std::uint64_t>());
     case Json::value_t::boolean:
         return id.get<bool>() ? "n:1" : "n:0";
     case Json::value_t::number_float: {
@@ -44,12 +46,17 @@ std::optional<std::string> Transport::messageLine(const Json& message) {
     }
 }
 
-Json Transport::successReply(const Json& id, Json result) {
-    Json reply = Json::object();
-    reply["jsonrpc"] = "2.0";
-    reply["id"] = id;
-    reply["result"] = std::move(result);
-    return reply;
+std::optional<std::string> Transport::successLine(const Json& id, const Json& result) {
+    try {
+        std::string line = R"({"jsonrpc":"2.0","id":)";
+        line += compactJSON(id);
+        line += R"(,"result":)";
+        line += compactJSON(result);
+        line += "}\n";
+        return line;
+    } catch (...) {
+        return std::nullopt;
+    }
 }
 
 Json Transport::errorReply(const Json& id, int code, std::string_view message) {
@@ -133,8 +140,10 @@ StudioMCPBridge::Task<void> StudioMCPBridge::run(std::weak_ptr<StudioMCPBridge> 
     co_await self->answer(std::move(request), std::move(entry));
 }
 
-void StudioMCPBridge::send(const Json& message) {
-    if (auto line = messageLine(message)) output(*line);
+void StudioMCPBridge::send(const Json& message) { sendLine(messageLine(message)); }
+
+void StudioMCPBridge::sendLine(const std::optional<std::string>& line) {
+    if (line) output(*line);
 }
 
 StudioMCPBridge::Task<void> StudioMCPBridge::drain(std::chrono::steady_clock::duration within) {

@@ -21,7 +21,10 @@ struct Transport {
     // feed. Nothing when the message cannot be written.
     static std::optional<std::string> messageLine(const Json& message);
 
-    static Json successReply(const Json& id, Json result);
+    // {"jsonrpc":"2.0","id":…,"result":…} as one line, put together without
+    // building the reply as a value first: every answer takes this road.
+    // Nothing when it cannot be written.
+    static std::optional<std::string> successLine(const Json& id, const Json& result);
     static Json errorReply(const Json& id, int code, std::string_view message);
     // The answer to a line that is not JSON: id null, -32700 "Parse error".
     static Json parseErrorReply();

@@ -14,7 +14,13 @@ namespace {
 std::vector<std::string> split(std::initializer_list<std::string_view> chunks, std::optional<std::string>* last = nullptr) {
     LineSplitter splitter;
     std::vector<std::string> lines;
-    for (auto chunk : chunks) splitter.feed(chunk, lines);
+    for (auto chunk : chunks) {
+        // The views last only until the next read: copy them at once.
+        std::string bytes(chunk);
+        std::vector<std::string_view> views;
+        splitter.feed(bytes, views);
+        lines.insert(lines.end(), views.begin(), views.end());
+    }
     auto rest = splitter.finish();
     if (last) *last = rest;
     return lines;

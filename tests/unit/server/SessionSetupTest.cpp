@@ -78,6 +78,13 @@ TEST(WithoutStudio, CatalogWithoutInstructionsStringGivesTheNotFoundText) {
         EXPECT_EQ(initialize({}, catalog)["instructions"], notFound) << catalog;
 }
 
+TEST(WithoutStudio, OnlyTheTopLevelInstructionsCountAndTheLastOneWins) {
+    EXPECT_EQ(initialize({}, R"({"tools":[{"instructions":"nested"}]})")["instructions"], notFound);
+    EXPECT_EQ(initialize({}, R"({"instructions":"first","instructions":5})")["instructions"], notFound);
+    EXPECT_EQ(initialize({}, R"({"instructions":{"a":"b"},"instructions":"last"})")["instructions"], "last");
+    EXPECT_EQ(initialize({}, R"({"instructions":"fine"} trailing)")["instructions"], notFound);
+}
+
 TEST(SubjectBuild, NameTitleAndAdaptedInstructions) {
     std::string catalog = R"({"instructions":"Use the \"vantoric-studio\" server (not vantoric-studio-beta); \"vantoric-studio\" again, \"vantoric-studio-x\" stays."})";
     auto result = initialize({}, catalog, fakeStudio, subject);
