@@ -1,0 +1,64 @@
+// Arbitrary bytes through the server's line handling, as if an agent had
+// written them to standard input: cut into lines, each received by a bridge
+// that serves a small catalog, every request task run to its end, then the
+// shutdown. Whatever comes in, each output line must be exactly one JSON
+// object and no request may stay in the table.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+
+#include "server/InputLoop.h"
+#include "server/StudioMCPBridge.h"
+
+namespace {
+
+const char* const catalog = R"({
+  "instructions": "Use the \"vantoric-studio\" server.",
+  "tools": [
+    {"name": "export_video", "inputSchema": {"type": "object",
+      "properties": {"action": {}, "path": {}, "overwrite": {}, "wait_seconds": {}}}},
+    {"name": "größe", "inputSchema": {"type": "object", "properties": {"Größe": {}, "file_path": {}, "名前": {}}}},
+    {"name": "studio_status", "inputSchema": {"type": "object", "properties": {}}},
+    {"name": "project", "inputSchema": {"type": "object", "properties": {"action": {}, "path": {}}}}
+  ],
+  "prompts": [
+    {"name": "cut", "description": "d", "template": "A {{tone|calm}} cut of {{topic}} {{a||b}} {{|x}} {{open"},
+    {"name": "bare", "template": "{{}}{{{{}}}}"}
+  ]
+})";
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    boost::asio::io_context context;
+    std::vector<std::string> written;
+    auto bridge = StudioMCPBridge::create(
+        context.get_executor(), std::filesystem::path("/nonexistent/Vantoric Studio.app"), std::string(catalog),
+        "/tmp/fuzz-folder", [&](std::string_view line) { written.emplace_back(line); }, {});
+
+    boost::asio::post(bridge->strand(), [&] {
+        LineSplitter splitter;
+        std::vector<std::string_view> lines;
+        splitter.feed(std::string_view(reinterpret_cast<const char*>(data), size), lines);
+        auto last = splitter.finish();
+        if (last) lines.push_back(*last);
+        for (const auto& line : lines) bridge->receive(line);
+    });
+    context.run();
+    context.restart();
+    boost::asio::co_spawn(bridge->strand(), bridge->drain(), boost::asio::detached);
+    context.run();
+
+    if (!bridge->calls.empty()) std::abort();
+    for (const auto& line : written) {
+        if (line.empty() || line.back() != '\n' || line.find('\n') != line.size() - 1) std::abort();
+        if (!parseObject(std::string_view(line).substr(0, line.size() - 1))) std::abort();
+    }
+    return 0;
+}

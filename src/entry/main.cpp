@@ -1,0 +1,93 @@
+// vantoric-studio-mcp: with no argument an MCP server on standard input and
+// output, with any argument the installer. The environment is read once and
+// Studio located once, so both modes see the same bundle.
+#include <malloc.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+
+#include "installer/BridgeInstaller.h"
+#include "platform/Environment.h"
+#include "platform/Executable.h"
+#include "platform/Log.h"
+#include "server/InputLoop.h"
+#include "server/StudioMCPBridge.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// One unbuffered write of the whole line (continued should the kernel take
+// only part of it, or should the agent have left the pipe non-blocking). A
+// reader that went away is not an error of ours: the line is dropped.
+void writeToStandardOutput(std::string_view line) {
+    size_t done = 0;
+    while (done < line.size()) {
+        ssize_t n = ::write(STDOUT_FILENO, line.data() + done, line.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            pollfd writable{STDOUT_FILENO, POLLOUT, 0};
+            ::poll(&writable, 1, -1);
+            continue;
+        }
+        if (n <= 0) return;
+        done += static_cast<size_t>(n);
+    }
+}
+
+fs::path currentFolder() {
+    std::error_code ec;
+    fs::path folder = fs::current_path(ec);
+    return ec ? fs::path("/") : folder;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A write to an agent that closed its end must fail, not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
+    // Two threads, one of which only reads: a second malloc arena would cost
+    // start-up time (a fresh heap mapped and faulted in) and buy nothing.
+    mallopt(M_ARENA_MAX, 1);
+
+    const platform::Environment environment = platform::captureEnvironment();
+    const std::optional<fs::path> executable = platform::ownExecutable();
+    const std::optional<fs::path> app = StudioMCPBridge::locateApp(executable, environment);
+
+    if (argc > 1 && executable) {
+        std::error_code ec;
+        fs::path bridge = fs::canonical(*executable, ec);
+        if (ec) bridge = *executable;
+        std::vector<std::string> arguments(argv + 1, argv + argc);
+        std::exit(BridgeInstaller::run(arguments, bridge, app, environment));
+    }
+
+    auto catalog = StudioMCPBridge::catalogData(app, environment);
+    boost::asio::io_context context(1);
+    auto bridge = StudioMCPBridge::create(context.get_executor(), app, std::move(catalog), currentFolder(),
+                                          writeToStandardOutput);
+    if (!app) platform::log("Vantoric Studio was not found; set VANTORIC_STUDIO_APP.");
+
+    auto work = boost::asio::make_work_guard(context);
+    std::thread reader = startInputLoop(STDIN_FILENO, bridge, [&] {
+        work.reset();
+        context.stop();
+    });
+    context.run();
+    reader.join();
+    // Requests still running after the drain are abandoned, not awaited.
+    std::exit(0);
+}

@@ -1,0 +1,115 @@
+// Answering requests and routing tool calls: methods of the bridge, run on
+// its strand.
+#include <boost/asio/this_coro.hpp>
+
+#include "link/BridgeError.h"
+#include "platform/Log.h"
+#include "server/PathResolution.h"
+#include "server/StudioMCPBridge.h"
+
+namespace {
+
+// A reply that is written whether or not the request was cancelled: the
+// protocol faults.
+struct Fault {
+    int code;
+    std::string message;
+};
+
+const std::string* actionIn(const Json& arguments) {
+    auto action = arguments.find("action");
+    if (action == arguments.end() || !action->is_string()) return nullptr;
+    return &action->get_ref<const std::string&>();
+}
+
+}  // namespace
+
+StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_ptr<Call> entry) {
+    if (!request.is_object()) co_return;
+    auto methodMember = request.find("method");
+    auto idMember = request.find("id");
+    if (methodMember == request.end() || !methodMember->is_string() || idMember == request.end()) co_return;
+    const std::string method = methodMember->get<std::string>();
+    const Json id = *idMember;
+    static const Json noParams = Json::object();
+    Json* given = nullptr;
+    if (auto member = request.find("params"); member != request.end() && member->is_object()) given = &*member;
+    const Json& params = given ? *given : noParams;
+
+    std::optional<Json> computed;
+    std::optional<Fault> fault;
+    try {
+        if (method == "initialize") {
+            computed = initialize(params);
+        } else if (method == "ping") {
+            computed = Json::object();
+        } else if (method == "tools/list") {
+            computed = Json::object({{"tools", tools()}});
+        } else if (method == "tools/call") {
+            auto name = params.find("name");
+            if (name == params.end() || !name->is_string()) {
+                fault = Fault{-32602, "tools/call needs a name."};
+            } else {
+                Json arguments = Json::object();
+                if (auto member = given->find("arguments"); member != given->end() && member->is_object())
+                    arguments = std::move(*member);
+                try {
+                    computed = co_await call(name->get<std::string>(), std::move(arguments));
+                } catch (const Cancellation&) {
+                    // passes through: no reply
+                } catch (const std::exception& failure) {
+                    computed = toolError(failure.what());
+                }
+            }
+        } else if (method == "resources/list") {
+            computed = Json::object({{"resources", Json::array()}});
+        } else if (method == "prompts/list") {
+            computed = Json::object({{"prompts", listedPrompts()}});
+        } else if (method == "prompts/get") {
+            try {
+                computed = prompt(params);
+            } catch (const std::exception& failure) {
+                fault = Fault{-32602, failure.what()};
+            }
+        } else {
+            fault = Fault{-32601, "Method not found: " + method};
+        }
+    } catch (const std::exception& failure) {
+        // Nothing above is expected to throw; should it, the request still
+        // leaves the table and the server carries on.
+        platform::log(std::string("request failed: ") + failure.what());
+    }
+
+    if (fault)
+        send(errorReply(id, fault->code, fault->message));
+    else if (computed && !entry->cancelled)
+        sendLine(successLine(id, *computed));
+    calls.erase(key(id));
+}
+
+StudioMCPBridge::Task<Json> StudioMCPBridge::call(std::string tool, Json arguments) {
+    if (auto refusal = unknownParameters(tool, arguments, tools())) co_return toolError(*refusal);
+
+    const std::string* action = actionIn(arguments);
+    if (tool == "import_media") co_return co_await importMedia(std::move(arguments));
+    if (tool == "project" && action && *action == "open" && arguments.contains("path"))
+        co_return co_await openProject(std::move(arguments));
+    if (tool == "export_video" && (!action || *action == "start")) co_return co_await exportVideo(std::move(arguments));
+    if (tool == "export_video" && *action == "status") co_return co_await exportStatus(std::move(arguments));
+    if (tool == "series") co_return co_await series(std::move(arguments));
+    co_return co_await forward(std::move(arguments), std::move(tool));
+}
+
+StudioMCPBridge::Task<Json> StudioMCPBridge::exportStatus(Json arguments) {
+    if (auto path = arguments.find("path"); path != arguments.end() && path->is_string()) {
+        auto url = resolvePath(path->get_ref<const std::string&>());
+        if (!PathResolution::isMP4(url)) co_return toolError("path must end in .mp4.");
+        auto overwrite = arguments.find("overwrite");
+        bool replace = overwrite != arguments.end() && overwrite->is_boolean() && overwrite->get<bool>();
+        exportDestination = ExportDestination{std::move(url), replace};
+    }
+    arguments.erase("path");
+    arguments.erase("overwrite");
+    Json studio = co_await forward(std::move(arguments), "export_video");
+    co_return co_await deliverExport(std::move(studio));
+}

@@ -1,0 +1,32 @@
+#include "server/StudioMCPBridge.h"
+
+#include "server/PathResolution.h"
+
+std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,
+                                                         std::optional<std::string> catalog,
+                                                         std::filesystem::path workingDirectory, Output output,
+                                                         Timing timing, const platform::Bundles& bundles) {
+    return std::shared_ptr<StudioMCPBridge>(new StudioMCPBridge(std::move(executor), std::move(app),
+                                                                std::move(catalog), std::move(workingDirectory),
+                                                                std::move(output), timing, bundles));
+}
+
+StudioMCPBridge::StudioMCPBridge(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,
+                                 std::optional<std::string> catalog, std::filesystem::path workingDirectory,
+                                 Output output, Timing timing, const platform::Bundles& bundles)
+    : app(std::move(app)),
+      catalog(std::move(catalog)),
+      workingDirectory(std::move(workingDirectory)),
+      output(std::move(output)),
+      timing(timing),
+      strand_(executor),
+      bundles_(bundles) {}
+
+void StudioMCPBridge::Call::cancel() {
+    cancelled = true;
+    signal.emit(boost::asio::cancellation_type::terminal);
+}
+
+std::filesystem::path StudioMCPBridge::resolvePath(std::string_view path) const {
+    return PathResolution::resolve(path, workingDirectory, PathResolution::homeFolder());
+}

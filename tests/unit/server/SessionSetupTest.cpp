@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+
+#include "BridgeHarness.h"
+#include "server/SessionSetup.h"
+
+using namespace testsupport;
+
+namespace {
+
+const std::string release(StudioLocation::releaseIdentifier);
+const std::string subject(StudioLocation::subjectIdentifier);
+const std::string notFound =
+    "Vantoric Studio could not be found on this Mac. Install it from vantoric.studio, then restart this MCP server.";
+
+Json initialize(const Json& params, std::optional<std::string> catalog = studioCatalog(),
+                std::optional<std::filesystem::path> app = fakeStudio, const std::string& identifier = release) {
+    FakeBundles bundles;
+    bundles.add(fakeStudio, identifier, "3.2.1");
+    bundles.add("/Applications/Unversioned.app", identifier);
+    return SessionSetup::initializeResult(params, app, catalog, identifier, bundles);
+}
+
+}  // namespace
+
+TEST(AgreeingAProtocol, KnownVersionsAreEchoedEverythingElseGetsTheNewest) {
+    EXPECT_EQ(initialize({{"protocolVersion", "2025-03-26"}})["protocolVersion"], "2025-03-26");
+    EXPECT_EQ(initialize({{"protocolVersion", "2024-11-05"}})["protocolVersion"], "2024-11-05");
+    EXPECT_EQ(initialize({{"protocolVersion", "2099-01-01"}})["protocolVersion"], "2025-06-18");
+    EXPECT_EQ(initialize({{"protocolVersion", "2025-03-26 "}})["protocolVersion"], "2025-06-18");
+    EXPECT_EQ(initialize({{"protocolVersion", 20250326}})["protocolVersion"], "2025-06-18");
+    EXPECT_EQ(initialize(Json::object())["protocolVersion"], "2025-06-18");
+}
+
+TEST(AgreeingAProtocol, ResultHasExactlyTheAnnouncedMembers) {
+    auto result = initialize(Json::object());
+    std::vector<std::string> members;
+    for (auto& item : result.items()) members.push_back(item.key());
+    EXPECT_EQ(members, (std::vector<std::string>{"protocolVersion", "capabilities", "serverInfo", "instructions"}));
+    EXPECT_EQ(result["capabilities"], Json::parse(R"({"tools":{"listChanged":false},"prompts":{"listChanged":false}})"));
+    EXPECT_EQ(result["serverInfo"], Json::parse(R"({"name":"vantoric-studio","title":"Vantoric Studio","version":"3.2.1"})"));
+    EXPECT_EQ(result["instructions"], Json::parse(studioCatalog())["instructions"]);
+}
+
+TEST(NamingTheAgent, TitleThenNameAndEmptyKeepsTheOld) {
+    auto name = [](const Json& info) { return SessionSetup::clientNameIn({{"clientInfo", info}}); };
+    EXPECT_EQ(name({{"name", "claude-code"}, {"title", "Claude Code"}}), "Claude Code");
+    EXPECT_EQ(name({{"name", "codex"}}), "codex");
+    EXPECT_EQ(name({{"name", "codex"}, {"title", 3}}), "codex");
+    EXPECT_EQ(name({{"name", "codex"}, {"title", ""}}), std::nullopt);
+    EXPECT_EQ(name({{"name", ""}}), std::nullopt);
+    EXPECT_EQ(name("claude"), std::nullopt);
+    EXPECT_EQ(SessionSetup::clientNameIn(Json::object()), std::nullopt);
+}
+
+TEST(NamingTheAgent, BridgeKeepsTheLastNonEmptyName) {
+    BridgeHarness harness;
+    EXPECT_EQ(harness.bridge->clientName, "A coding agent");
+    harness.receive(request(1, "initialize", {{"clientInfo", {{"name", "codex"}}}}));
+    EXPECT_EQ(harness.bridge->clientName, "codex");
+    harness.receive(request(2, "initialize", {{"clientInfo", {{"name", "other"}, {"title", ""}}}}));
+    EXPECT_EQ(harness.bridge->clientName, "codex");
+}
+
+TEST(WithoutStudio, CompleteAnswerWithTheNotFoundInstructions) {
+    auto result = initialize({{"protocolVersion", "2025-03-26"}}, std::nullopt, std::nullopt);
+    EXPECT_EQ(result["protocolVersion"], "2025-03-26");
+    EXPECT_EQ(result["serverInfo"], Json::parse(R"({"name":"vantoric-studio","title":"Vantoric Studio","version":"0"})"));
+    EXPECT_EQ(result["instructions"], notFound);
+}
+
+TEST(WithoutStudio, VersionIsZeroWhenTheBundleCannotTellIt) {
+    EXPECT_EQ(initialize({}, studioCatalog(), "/Applications/Missing.app")["serverInfo"]["version"], "0");
+    EXPECT_EQ(initialize({}, studioCatalog(), "/Applications/Unversioned.app")["serverInfo"]["version"], "0");
+}
+
+TEST(WithoutStudio, CatalogWithoutInstructionsStringGivesTheNotFoundText) {
+    for (std::string catalog : {R"([{"instructions":"x"}])", R"({"instructions":5})", "not json", R"({"tools":[]})"})
+        EXPECT_EQ(initialize({}, catalog)["instructions"], notFound) << catalog;
+}
+
+TEST(WithoutStudio, OnlyTheTopLevelInstructionsCountAndTheLastOneWins) {
+    EXPECT_EQ(initialize({}, R"({"tools":[{"instructions":"nested"}]})")["instructions"], notFound);
+    EXPECT_EQ(initialize({}, R"({"instructions":"first","instructions":5})")["instructions"], notFound);
+    EXPECT_EQ(initialize({}, R"({"instructions":{"a":"b"},"instructions":"last"})")["instructions"], "last");
+    EXPECT_EQ(initialize({}, R"({"instructions":"fine"} trailing)")["instructions"], notFound);
+}
+
+TEST(SubjectBuild, NameTitleAndAdaptedInstructions) {
+    std::string catalog = R"({"instructions":"Use the \"vantoric-studio\" server (not vantoric-studio-beta); \"vantoric-studio\" again, \"vantoric-studio-x\" stays."})";
+    auto result = initialize({}, catalog, fakeStudio, subject);
+    EXPECT_EQ(result["serverInfo"], Json::parse(R"j({"name":"studio-subject","title":"Vantoric Studio (subject build)","version":"3.2.1"})j"));
+    EXPECT_EQ(result["instructions"],
+              R"(Use the "studio-subject" server (not vantoric-studio-beta); "studio-subject" again, "vantoric-studio-x" stays.)");
+    // The release build passes the text on untouched.
+    EXPECT_EQ(initialize({}, catalog)["instructions"], Json::parse(catalog)["instructions"]);
+}
