@@ -10,6 +10,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -81,8 +82,10 @@ StudioConnection::~StudioConnection() = default;
 
 asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> task,
                                                 std::chrono::steady_clock::duration duration) {
-    co_return co_await asio::async_initiate<const asio::use_awaitable_t<>&, void(std::exception_ptr, Link)>(
-        [task, duration](auto handler) {
+    // The initiation is a named local, not a temporary of the co_await
+    // expression: GCC 12 destroys such temporaries twice, and this one holds
+    // the task.
+    auto initiation = [task, duration](auto handler) {
             using Handler = decltype(handler);
             struct Race {
                 Race(asio::any_io_executor executor, std::chrono::steady_clock::duration duration)
@@ -102,7 +105,10 @@ asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> tas
                 Handler handler = std::move(*race->handler);
                 race->handler.reset();
                 auto executor = asio::get_associated_executor(handler, race->timer.get_executor());
-                asio::dispatch(executor, [handler = std::move(handler), error, link = std::move(link)]() mutable {
+                // Posted, never run inline: the finished task's racer runs
+                // inside the initiation, before the waiting coroutine may be
+                // resumed.
+                asio::post(executor, [handler = std::move(handler), error, link = std::move(link)]() mutable {
                     std::move(handler)(error, std::move(link));
                 });
             };
@@ -126,8 +132,10 @@ asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> tas
                     });
                 });
             }
-        },
-        asio::use_awaitable);
+        };
+    auto operation = asio::async_initiate<const asio::use_awaitable_t<>&, void(std::exception_ptr, Link)>(
+        std::move(initiation), asio::use_awaitable);
+    co_return co_await std::move(operation);
 }
 
 // ---------------------------------------------------------------------------
@@ -145,10 +153,8 @@ asio::awaitable<Link> StudioConnection::connect() {
     if (!pending_) {
         pending_ = std::make_shared<PendingLink>(strand_);
         auto task = pending_;
-        asio::co_spawn(strand_, establishing(self),
-                       asio::bind_cancellation_slot(task->cancel.slot(), [task](std::exception_ptr error, Link link) {
-                           task->finish(error, error ? std::nullopt : std::optional<Link>(std::move(link)));
-                       }));
+        asio::co_spawn(strand_, establishing(self, pending_),
+                       asio::bind_cancellation_slot(pending_->cancel.slot(), asio::detached));
     }
     auto task = pending_;
     // A newer establishment may have replaced this one by the time the wait
@@ -193,8 +199,16 @@ void StudioConnection::stop() {
     }
 }
 
-asio::awaitable<Link> StudioConnection::establishing(std::shared_ptr<StudioConnection> self) {
-    co_return co_await self->establish();
+asio::awaitable<void> StudioConnection::establishing(std::shared_ptr<StudioConnection> self,
+                                                    std::shared_ptr<PendingLink> task) {
+    std::optional<Link> link;
+    std::exception_ptr failure;
+    try {
+        link = co_await self->establish();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    task->finish(failure, std::move(link));
 }
 
 asio::awaitable<void> StudioConnection::checkCancelled() const {
@@ -220,7 +234,10 @@ std::string StudioConnection::makeNonce() {
 // Announcements after the first, until Studio made contact, the attempts are
 // used up, or the announcing is cancelled. A pause cut short only moves on.
 asio::awaitable<void> StudioConnection::announce(std::shared_ptr<StudioConnection> self,
-                                                 std::weak_ptr<HandshakeListener> weakListener, std::string query) {
+                                                 std::weak_ptr<HandshakeListener> weakListener, std::string query,
+                                                 std::shared_ptr<asio::cancellation_signal> signal) {
+    // `signal` is the one this task's cancellation slot belongs to; it must
+    // outlive the task.
     asio::steady_timer pause(self->strand_);
     for (int attempt = 2; attempt <= self->durations_.notificationAttempts; ++attempt) {
         pause.expires_after(self->durations_.notificationInterval);
@@ -275,7 +292,7 @@ asio::awaitable<Link> StudioConnection::establish() {
                               "inside the desktop session, or set DBUS_SESSION_BUS_ADDRESS to its bus.");
         }
         std::weak_ptr<HandshakeListener> weakListener = listener;
-        asio::co_spawn(strand_, announce(self, weakListener, query),
+        asio::co_spawn(strand_, announce(self, weakListener, query, announcing),
                        asio::bind_cancellation_slot(announcing->slot(), asio::detached));
 
         auto reply = co_await listener->reply(durations_.replyTimeout);
@@ -287,6 +304,9 @@ asio::awaitable<Link> StudioConnection::establish() {
     } catch (...) {
         announcing->emit(asio::cancellation_type::terminal);
         listener->stop();
+        // The shutdown stops the listener first, which ends the wait for the
+        // reply like a silent Studio would; it is still a cancellation.
+        if (stopped_) cancellation::raise();
         throw;
     }
 }

@@ -118,9 +118,11 @@ private:
                      std::optional<Link> link);
 
     boost::asio::awaitable<Link> establish();
-    static boost::asio::awaitable<Link> establishing(std::shared_ptr<StudioConnection> self);
+    static boost::asio::awaitable<void> establishing(std::shared_ptr<StudioConnection> self,
+                                                    std::shared_ptr<PendingLink> task);
     static boost::asio::awaitable<void> announce(std::shared_ptr<StudioConnection> self,
-                                                 std::weak_ptr<HandshakeListener> listener, std::string query);
+                                                 std::weak_ptr<HandshakeListener> listener, std::string query,
+                                                 std::shared_ptr<boost::asio::cancellation_signal> signal);
     boost::asio::awaitable<void> checkCancelled() const;
     std::string makeNonce();
 
