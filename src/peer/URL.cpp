@@ -91,6 +91,8 @@ std::optional<URL> URL::parse(std::string_view text) {
         }
         if (host.find_first_of("[]") != std::string_view::npos && (host.front() != '[' || host.back() != ']'))
             return std::nullopt;
+        // A colon belongs to the port; a name may not hold one.
+        if (!host.empty() && host.front() != '[' && host.find(':') != std::string_view::npos) return std::nullopt;
         url.host = std::string(host);
         if (port && !port->empty()) {
             unsigned value = 0;

@@ -181,5 +181,8 @@ TEST(URLComponents, AppendedComponentsAndQueryValuesAreEncoded) {
     EXPECT_EQ(files->appendingPathComponent("downloads").appendingPathComponent("a/b c").path,
               "/downloads/a%2Fb%20c");
     EXPECT_EQ(files->target(), "/");
+    // Found by fuzzing: an empty port after a host that holds a colon.
+    EXPECT_FALSE(URL::parse("http://user:phttp:/x#f"));
+    EXPECT_EQ(URL::parse("http://127.0.0.1:08642/mcp")->port, 8642);
     EXPECT_EQ(files->authority(), "127.0.0.1:54322");
 }
