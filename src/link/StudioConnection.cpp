@@ -14,6 +14,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <cstdlib>
 #include <random>
 
 #include "link/BridgeError.h"
@@ -32,6 +33,21 @@
 namespace asio = boost::asio;
 namespace fs = std::filesystem;
 using boost::system::error_code;
+
+LinkDurations LinkDurations::fromEnvironment(const std::map<std::string, std::string>& environment) {
+    LinkDurations durations;
+    auto milliseconds = [&](const char* name) -> std::optional<std::chrono::milliseconds> {
+        auto it = environment.find(name);
+        if (it == environment.end()) return std::nullopt;
+        char* end = nullptr;
+        long long value = std::strtoll(it->second.c_str(), &end, 10);
+        if (end == it->second.c_str() || *end != '\0' || value <= 0) return std::nullopt;
+        return std::chrono::milliseconds(value);
+    };
+    if (auto wait = milliseconds("VSM_TEST_LINK_WAIT_MS")) durations.linkWait = *wait;
+    if (auto reply = milliseconds("VSM_TEST_REPLY_TIMEOUT_MS")) durations.replyTimeout = *reply;
+    return durations;
+}
 
 StudioConnection::Services StudioConnection::Services::system() {
     return Services{

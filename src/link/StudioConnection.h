@@ -21,6 +21,7 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -52,6 +53,11 @@ struct LinkDurations {
     std::chrono::steady_clock::duration notificationInterval = std::chrono::milliseconds(500);
     int notificationAttempts = 240;
     std::chrono::steady_clock::duration httpTimeout = std::chrono::seconds(600);
+
+    // The defaults, except that the integration tests may shorten the wait
+    // of one call (VSM_TEST_LINK_WAIT_MS) and the wait for Studio's reply
+    // (VSM_TEST_REPLY_TIMEOUT_MS) of the real binary.
+    static LinkDurations fromEnvironment(const std::map<std::string, std::string>& environment);
 };
 
 class StudioConnection : public std::enable_shared_from_this<StudioConnection> {
