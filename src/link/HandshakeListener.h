@@ -1,0 +1,80 @@
+// The short-lived loopback listener of one hand-over. It accepts exactly one
+// connection, and only from the process the peer check names as Studio;
+// sends it the greeting with the nonce, takes back one reply line, and then
+// watches that same connection: its end, from either side, is the end of the
+// link.
+//
+// Shared (std::shared_ptr) between the bridge's strand, which calls start(),
+// reply(), isAlive(), contacted() and stop(), and the listener's own strand,
+// where the network work and the peer check run; that work and the reply
+// watchdog hold the listener weakly. `port`, `stopped`, `connected` and the
+// lifetime connection are guarded by one mutex, held only to read or write
+// them. stop() is safe from any thread, any number of times. Reply lines are
+// buffered without bound, so a line that arrives before anyone waits is kept.
+#pragma once
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+class HandshakeListener : public std::enable_shared_from_this<HandshakeListener> {
+public:
+    using VerifyPeer = std::function<bool(const std::filesystem::path& app, uint16_t peerPort, uint16_t localPort)>;
+
+    static constexpr size_t chunkSize = 65536;
+    static constexpr size_t maximumLine = 65536;
+
+    // Nothing is bound until start(). `executor` is the I/O executor the
+    // listener makes its own strand on.
+    static std::shared_ptr<HandshakeListener> create(boost::asio::any_io_executor executor, const std::string& nonce,
+                                                     std::string_view hello, std::filesystem::path app,
+                                                     VerifyPeer verifyPeer);
+    ~HandshakeListener();
+
+    // Listens on 127.0.0.1 on a port the system chooses and returns it.
+    // Throws the network error, or cancellation when stopped first.
+    boost::asio::awaitable<uint16_t> start();
+    // The first reply line that is a JSON object. Stops the listener when
+    // `timeout` passes first; when the replies end without one, throws
+    // BridgeError "Vantoric Studio did not answer. ...".
+    boost::asio::awaitable<nlohmann::ordered_json> reply(std::chrono::steady_clock::duration timeout);
+
+    // A verified Studio connected (stays true after stop()).
+    bool contacted() const;
+    // Not stopped and the connection is open.
+    bool isAlive() const;
+    void stop();
+
+    const std::string& greeting() const { return greeting_; }
+
+private:
+    struct Network;
+    HandshakeListener(boost::asio::any_io_executor executor, std::string greeting, std::filesystem::path app,
+                      VerifyPeer verifyPeer);
+
+    void acceptNext();
+    void serve(void* socket);
+    void read(std::shared_ptr<void> connection, std::shared_ptr<std::string> buffer);
+    void watchLifetime(std::shared_ptr<void> connection);
+    void deliver(std::string line);
+    void finishReplies();
+
+    std::unique_ptr<Network> network_;
+    const std::string greeting_;
+    const std::filesystem::path app_;
+    const VerifyPeer verifyPeer_;
+
+    mutable std::mutex lock_;
+    uint16_t port_ = 0;
+    bool stopped_ = false;
+    bool connected_ = false;
+    std::shared_ptr<void> lifetime_;
+    bool repliesFinished_ = false;
+};

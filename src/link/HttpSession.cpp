@@ -1,0 +1,250 @@
+#include "link/HttpSession.h"
+
+#include <sys/socket.h>
+
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/beast/core/file_posix.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http.hpp>
+#include <map>
+#include <optional>
+
+#include "link/Cancellation.h"
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using boost::system::error_code;
+using tcp = asio::ip::tcp;
+
+namespace {
+
+constexpr uint64_t stringBodyLimit = 1ull << 30;
+constexpr size_t idlePerHost = 16;
+
+struct Connection {
+    explicit Connection(asio::any_io_executor executor) : stream(executor) {}
+    beast::tcp_stream stream;
+    beast::flat_buffer buffer;
+};
+
+const boost::system::error_category& httpCategory() {
+    return make_error_code(http::error::bad_version).category();
+}
+
+// A sentence like the ones agents know from other HTTP clients.
+[[noreturn]] void throwTransport(error_code ec) {
+    if (ec == asio::error::operation_aborted) cancellation::raise();
+    if (ec == beast::error::timeout) throw TransportError("The request to Vantoric Studio timed out.");
+    if (ec == asio::error::connection_refused)
+        throw TransportError("Could not connect to Vantoric Studio: the connection was refused.");
+    if (ec == asio::error::eof || ec == http::error::end_of_stream || ec == asio::error::connection_reset ||
+        ec == http::error::partial_message || ec == asio::error::broken_pipe)
+        throw TransportError("The connection to Vantoric Studio was lost.");
+    if (ec.category() == httpCategory())
+        throw TransportError("Vantoric Studio sent a malformed HTTP answer (" + ec.message() + ").");
+    throw TransportError("The connection to Vantoric Studio failed: " + ec.message() + ".");
+}
+
+// Errors that mean a kept-alive connection was already dead when reused.
+bool staleConnection(error_code ec) {
+    return ec == asio::error::eof || ec == http::error::end_of_stream || ec == asio::error::connection_reset ||
+           ec == asio::error::broken_pipe || ec == asio::error::not_connected;
+}
+
+// Studio closed an idle connection when the socket reads as ended (or
+// broken) without waiting; data nobody asked for spoils it as well.
+bool stillOpen(Connection& connection) {
+    char byte;
+    int fd = connection.stream.socket().native_handle();
+    ssize_t n = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+template <class Body>
+void prepare(http::request<Body>& message, const HttpRequest& request) {
+    message.method_string(request.method);
+    message.target(request.url.target());
+    message.version(11);
+    message.set(http::field::host, request.url.authority());
+    for (const auto& [name, value] : request.headers) message.set(name, value);
+}
+
+}  // namespace
+
+struct HttpSession::Pool {
+    Pool(asio::any_io_executor executor, std::chrono::steady_clock::duration timeout)
+        : executor(std::move(executor)), timeout(timeout) {}
+
+    asio::any_io_executor executor;
+    std::chrono::steady_clock::duration timeout;
+    std::map<std::string, std::vector<std::unique_ptr<Connection>>> idle;
+    Counters counters;
+
+    struct Lease {
+        std::unique_ptr<Connection> connection;
+        bool reused = false;
+    };
+
+    asio::awaitable<Lease> acquire(const URL& url, bool fresh) {
+        auto key = url.authority();
+        auto& spare = idle[key];
+        while (!fresh && !spare.empty()) {
+            auto connection = std::move(spare.back());
+            spare.pop_back();
+            if (stillOpen(*connection)) {
+                ++counters.reused;
+                co_return Lease{std::move(connection), true};
+            }
+        }
+        error_code ec;
+        auto address = asio::ip::make_address(url.host.value_or(""), ec);
+        if (ec || !url.port) throw TransportError("Vantoric Studio's address " + url.absoluteString() + " cannot be reached.");
+        auto connection = std::make_unique<Connection>(executor);
+        connection->stream.expires_after(timeout);
+        auto [connected] = co_await connection->stream.async_connect(tcp::endpoint(address, *url.port),
+                                                                    asio::as_tuple(asio::use_awaitable));
+        if (connected) throwTransport(connected);
+        connection->stream.socket().set_option(tcp::no_delay(true), ec);
+        ++counters.opened;
+        co_return Lease{std::move(connection), false};
+    }
+
+    void release(const URL& url, std::unique_ptr<Connection> connection) {
+        auto& spare = idle[url.authority()];
+        if (spare.size() < idlePerHost) spare.push_back(std::move(connection));
+    }
+
+    // One request and its answer on a pooled connection. `exchange` writes
+    // the request and reads the answer's header; it returns the error and
+    // whether any answer byte arrived. A reused connection that fails before
+    // that is given up and the exchange made again on a new one.
+    template <class Exchange>
+    asio::awaitable<std::unique_ptr<Connection>> run(const URL& url, Exchange exchange) {
+        for (int attempt = 0;; ++attempt) {
+            auto lease = co_await acquire(url, attempt > 0);
+            auto [ec, answered] = co_await exchange(*lease.connection);
+            if (!ec) co_return std::move(lease.connection);
+            if (lease.reused && !answered && attempt == 0 && staleConnection(ec)) {
+                ++counters.retried;
+                continue;
+            }
+            throwTransport(ec);
+        }
+    }
+};
+
+HttpSession::HttpSession(asio::any_io_executor executor, std::chrono::steady_clock::duration timeout)
+    : pool_(std::make_unique<Pool>(std::move(executor), timeout)) {}
+
+HttpSession::~HttpSession() = default;
+
+HttpSession::Counters HttpSession::counters() const { return pool_->counters; }
+
+namespace {
+
+template <class Body, class Parser>
+asio::awaitable<std::pair<error_code, bool>> writeThenReadHeader(Connection& connection, http::request<Body>& message,
+                                                                 Parser& parser,
+                                                                 std::chrono::steady_clock::duration timeout) {
+    connection.stream.expires_after(timeout);
+    auto [written, n] = co_await http::async_write(connection.stream, message, asio::as_tuple(asio::use_awaitable));
+    if (written) co_return std::pair{written, false};
+    connection.stream.expires_after(timeout);
+    auto [read, m] = co_await http::async_read_header(connection.stream, connection.buffer, parser,
+                                                      asio::as_tuple(asio::use_awaitable));
+    co_return std::pair{read, parser.got_some()};
+}
+
+}  // namespace
+
+asio::awaitable<HttpResponse> HttpSession::send(HttpRequest request) {
+    http::request<http::string_body> message;
+    prepare(message, request);
+    message.body() = request.body;
+    message.prepare_payload();
+
+    std::optional<http::response_parser<http::string_body>> parser;
+    auto connection = co_await pool_->run(request.url, [&](Connection& c) {
+        parser.emplace();
+        parser->body_limit(stringBodyLimit);
+        return writeThenReadHeader(c, message, *parser, pool_->timeout);
+    });
+    connection->stream.expires_after(pool_->timeout);
+    auto [ec, n] = co_await http::async_read(connection->stream, connection->buffer, *parser,
+                                             asio::as_tuple(asio::use_awaitable));
+    if (ec) throwTransport(ec);
+    auto response = parser->release();
+    if (response.keep_alive()) pool_->release(request.url, std::move(connection));
+    co_return HttpResponse{static_cast<int>(response.result_int()), std::move(response.body())};
+}
+
+asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::filesystem::path file) {
+    std::optional<http::request<http::file_body>> message;
+    std::optional<http::response_parser<http::string_body>> parser;
+    auto connection = co_await pool_->run(request.url, [&](Connection& c) {
+        // The file is opened afresh for each attempt: a failed attempt may
+        // have read part of it.
+        message.emplace();
+        prepare(*message, request);
+        error_code opened;
+        message->body().open(file.c_str(), beast::file_mode::scan, opened);
+        if (opened)
+            throw TransportError("Could not read " + file.string() + ": " + opened.message() + ".");
+        message->prepare_payload();
+        parser.emplace();
+        parser->body_limit(stringBodyLimit);
+        return writeThenReadHeader(c, *message, *parser, pool_->timeout);
+    });
+    connection->stream.expires_after(pool_->timeout);
+    auto [ec, n] = co_await http::async_read(connection->stream, connection->buffer, *parser,
+                                             asio::as_tuple(asio::use_awaitable));
+    if (ec) throwTransport(ec);
+    auto response = parser->release();
+    if (response.keep_alive()) pool_->release(request.url, std::move(connection));
+    co_return HttpResponse{static_cast<int>(response.result_int()), std::move(response.body())};
+}
+
+asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, std::function<int()> open) {
+    http::request<http::empty_body> message;
+    prepare(message, request);
+    message.prepare_payload();
+
+    std::optional<http::response_parser<http::empty_body>> header;
+    auto connection = co_await pool_->run(request.url, [&](Connection& c) {
+        header.emplace();
+        return writeThenReadHeader(c, message, *header, pool_->timeout);
+    });
+    int status = static_cast<int>(header->get().result_int());
+    // Any other answer's body is of no use; the connection goes with it.
+    if (status != wanted) co_return status;
+
+    http::response_parser<http::file_body> parser(std::move(*header));
+    parser.body_limit(boost::none);
+    beast::file_posix file;
+    file.native_handle(open());
+    error_code adopted;
+    parser.get().body().reset(std::move(file), adopted);
+    if (adopted) throwTransport(adopted);
+    for (;;) {
+        connection->stream.expires_after(pool_->timeout);
+        auto [ec, n] = co_await http::async_read_some(connection->stream, connection->buffer, parser,
+                                                      asio::as_tuple(asio::use_awaitable));
+        if (ec) {
+            bool network = ec == asio::error::operation_aborted || ec == beast::error::timeout || staleConnection(ec) ||
+                           ec.category() == httpCategory();
+            // Anything else came from writing the file (a full disk, say).
+            if (!network) throw TransportError("Could not write the downloaded file: " + ec.message() + ".");
+            throwTransport(ec);
+        }
+        if (parser.is_done()) break;
+    }
+    bool keep = parser.get().keep_alive();
+    parser.get().body().close();
+    if (keep) pool_->release(request.url, std::move(connection));
+    co_return status;
+}

@@ -1,0 +1,75 @@
+// The HTTP/1.1 client for Studio's loopback services. Connections are kept
+// alive between exchanges, one pool per host and port; a pooled connection
+// that Studio closed meanwhile is noticed before use, and an exchange whose
+// reused connection fails before any answer arrives is sent once more on a
+// fresh one. Every wait has a deadline (600 seconds unless told otherwise).
+// Bodies can come from a file and go to a file descriptor, so nothing large
+// sits in memory.
+//
+// Owned by the bridge and used only from its strand (the executor given at
+// construction); several exchanges may be in flight at once. Transport
+// failures are thrown as TransportError with a sentence for the agent,
+// cancellation as cancellation.
+#pragma once
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "peer/URL.h"
+
+struct HttpRequest {
+    std::string method;  // "GET", "POST", "PUT"
+    URL url;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+};
+
+struct HttpResponse {
+    int status = 0;
+    std::string body;
+};
+
+class TransportError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class HttpSession {
+public:
+    static constexpr std::chrono::seconds defaultTimeout{600};
+
+    explicit HttpSession(boost::asio::any_io_executor executor,
+                         std::chrono::steady_clock::duration timeout = defaultTimeout);
+    ~HttpSession();
+    HttpSession(const HttpSession&) = delete;
+    HttpSession& operator=(const HttpSession&) = delete;
+
+    // The request with its string body; the whole answer.
+    boost::asio::awaitable<HttpResponse> send(HttpRequest request);
+    // The request with the file's bytes as its body, read as they are sent.
+    boost::asio::awaitable<HttpResponse> sendFile(HttpRequest request, std::filesystem::path file);
+    // The request; when the status is `wanted`, `open` is called for a
+    // descriptor (which the session then owns and closes) and the body is
+    // written to it as it arrives. Returns the status either way; any other
+    // status leaves `open` uncalled and the body unread.
+    boost::asio::awaitable<int> receiveFile(HttpRequest request, int wanted, std::function<int()> open);
+
+    // Connections opened and reused so far, for tests and benchmarks.
+    struct Counters {
+        int opened = 0;
+        int reused = 0;
+        int retried = 0;
+    };
+    Counters counters() const;
+
+private:
+    struct Pool;
+    std::unique_ptr<Pool> pool_;
+};

@@ -1,0 +1,108 @@
+#include "peer/StudioPeer.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include "platform/CodeSigning.h"
+#include "platform/Crypto.h"
+#include "platform/ProcessSockets.h"
+#include "platform/RunningApplications.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path resolvedLocation(const fs::path& path) {
+    std::error_code ec;
+    fs::path resolved = fs::weakly_canonical(path, ec);
+    if (ec) resolved = path.lexically_normal();
+    // "X.app/" and "X.app" are the same bundle.
+    if (!resolved.has_filename() && resolved.has_parent_path()) resolved = resolved.parent_path();
+    return resolved;
+}
+
+}  // namespace
+
+StudioPeer::StudioPeer(Services services, std::string bundleIdentifier)
+    : services_(services), bundleIdentifier_(std::move(bundleIdentifier)) {}
+
+StudioPeer::StudioPeer(std::string bundleIdentifier)
+    : StudioPeer(Services{platform::systemRunningApplications(), platform::systemProcessSockets(),
+                          platform::systemCodeSigning()},
+                 std::move(bundleIdentifier)) {}
+
+std::optional<pid_t> StudioPeer::studio(const fs::path& app, uint16_t peerPort, uint16_t localPort) const {
+    // Studio's own socket has the connection's remote port as its local port
+    // and the bridge's listening port as its foreign port.
+    for (pid_t pid : eligible(app)) {
+        if (owns(pid, peerPort, localPort) && signedAsStudio(pid)) return pid;
+    }
+    return std::nullopt;
+}
+
+std::vector<pid_t> StudioPeer::eligible(const fs::path& app) const {
+    fs::path target = resolvedLocation(app);
+    bool anyLocation = ownTeam().has_value();
+    std::vector<pid_t> pids;
+    for (const auto& running : services_.running.withBundleIdentifier(bundleIdentifier_)) {
+        if (anyLocation || (running.bundleURL && resolvedLocation(*running.bundleURL) == target))
+            pids.push_back(running.processIdentifier);
+    }
+    return pids;
+}
+
+bool StudioPeer::owns(pid_t pid, uint16_t localPort, uint16_t remotePort) const {
+    auto sockets = services_.sockets.tcpSockets(pid);
+    if (!sockets) return false;
+    return std::any_of(sockets->begin(), sockets->end(), [&](const platform::TcpSocket& socket) {
+        return socket.localPort == localPort && socket.remotePort == remotePort;
+    });
+}
+
+std::string StudioPeer::requirement() const {
+    std::string text = "identifier \"" + bundleIdentifier_ + "\"";
+    if (auto team = ownTeam())
+        text += " and anchor apple generic and certificate leaf[subject.OU] = \"" + *team + "\"";
+    return text;
+}
+
+bool StudioPeer::signedAsStudio(pid_t pid) const { return services_.signing.satisfies(pid, requirement()); }
+
+std::optional<std::string> StudioPeer::ownTeam() const {
+    std::call_once(teamOnce_, [this] { team_ = services_.signing.ownTeam(); });
+    return team_;
+}
+
+std::optional<std::string> StudioPeer::unusableCopy(const fs::path& app) const {
+    auto running = services_.running.withBundleIdentifier(bundleIdentifier_);
+    if (running.empty()) return std::nullopt;
+    std::vector<pid_t> candidates = eligible(app);
+    std::sort(candidates.begin(), candidates.end());
+    candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
+    for (pid_t pid : candidates)
+        if (signedAsStudio(pid)) return std::nullopt;
+    const auto& first = running.front();
+    return first.bundleURL ? first.bundleURL->string() : std::string("another location");
+}
+
+std::string StudioPeer::challenge(std::string_view nonce) {
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (uint8_t byte : platform::sha256(nonce)) {
+        hex.push_back(digits[byte >> 4]);
+        hex.push_back(digits[byte & 15]);
+    }
+    return hex;
+}
+
+std::optional<URL> StudioPeer::loopback(const std::optional<std::string>& text, std::string_view path) {
+    if (!text) return std::nullopt;
+    auto url = URL::parse(*text);
+    if (!url) return std::nullopt;
+    if (url->scheme != "http") return std::nullopt;
+    if (url->host != "127.0.0.1") return std::nullopt;
+    if (!url->port || *url->port < 1024) return std::nullopt;
+    if (url->user || url->password || url->query) return std::nullopt;
+    if (url->path != path) return std::nullopt;
+    return url;
+}

@@ -1,0 +1,58 @@
+// Starting applications the way the workspace does: in the background,
+// without activation, detached from the caller. Both operations return once
+// the application has been started (or has failed to start), not when it
+// ends. Callable from any thread.
+#pragma once
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "platform/SystemError.h"
+
+namespace platform {
+
+class ApplicationLauncher {
+public:
+    virtual ~ApplicationLauncher() = default;
+    // Starts the application at `app` with no arguments.
+    virtual std::optional<SystemError> openApplication(const std::filesystem::path& app) = 0;
+    // Hands files to the application at `app`, starting it when needed.
+    virtual std::optional<SystemError> openURLs(const std::vector<std::filesystem::path>& files,
+                                                const std::filesystem::path& app) = 0;
+};
+
+class Bundles;
+class LinuxSessionBus;
+
+// openApplication spawns the bundle's executable detached: a new session,
+// standard input, output and error on /dev/null, the working folder "/", this
+// process's environment, no descriptor of ours. A failed exec comes back as
+// the error (learnt through a close-on-exec pipe). The child is not ours to
+// reap: it is handed to init at once.
+//
+// openURLs asks a running copy first: when the session bus has an owner for
+// the bundle's identifier as a well-known name, it calls
+// org.freedesktop.Application.Open on "/" + the identifier with dots as
+// slashes, with the files' URIs and empty platform data. Otherwise (no owner,
+// or no bus) it spawns the executable as above with the paths as arguments.
+class LinuxApplicationLauncher final : public ApplicationLauncher {
+public:
+    LinuxApplicationLauncher(const Bundles& bundles, LinuxSessionBus& bus) : bundles_(bundles), bus_(bus) {}
+    std::optional<SystemError> openApplication(const std::filesystem::path& app) override;
+    std::optional<SystemError> openURLs(const std::vector<std::filesystem::path>& files,
+                                        const std::filesystem::path& app) override;
+
+    // The pieces, exposed for their own tests.
+    static std::optional<SystemError> spawnDetached(const std::filesystem::path& executable,
+                                                    const std::vector<std::string>& arguments);
+    static std::string fileURI(const std::filesystem::path& path);
+    static std::string objectPath(const std::string& identifier);
+
+private:
+    const Bundles& bundles_;
+    LinuxSessionBus& bus_;
+};
+
+ApplicationLauncher& systemApplicationLauncher();
+
+}  // namespace platform

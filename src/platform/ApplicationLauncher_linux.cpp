@@ -1,0 +1,167 @@
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "platform/ApplicationLauncher.h"
+#include "platform/Bundle.h"
+#include "platform/SessionBus.h"
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+
+namespace platform {
+
+namespace {
+
+// Everything between fork and exec must be async-signal-safe: this process
+// has other threads, whose locks the child inherits in whatever state.
+[[noreturn]] void becomeApplication(const char* path, char* const* argv, int reportFd) {
+    if (setsid() < 0) {
+        int error = errno;
+        (void)!write(reportFd, &error, sizeof error);
+        _exit(127);
+    }
+    pid_t grandchild = fork();
+    if (grandchild != 0) {
+        if (grandchild < 0) {
+            int error = errno;
+            (void)!write(reportFd, &error, sizeof error);
+        }
+        _exit(grandchild < 0 ? 127 : 0);
+    }
+    int null = open("/dev/null", O_RDWR);
+    if (null >= 0) {
+        dup2(null, 0);
+        dup2(null, 1);
+        dup2(null, 2);
+        if (null > 2) close(null);
+    }
+    // Sockets and files of ours (the hand-over listener among them) must not
+    // live on in the application; only the report pipe is kept, and it closes
+    // on exec by itself.
+    if (syscall(SYS_close_range, 3, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
+        long limit = sysconf(_SC_OPEN_MAX);
+        for (int fd = 3; fd < limit; ++fd)
+            if (fd != reportFd) fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; ++sig) sigaction(sig, &standard, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (chdir("/") != 0) {
+        // Not worth failing for: the application gets our folder instead.
+    }
+    execve(path, argv, environ);
+    int error = errno;
+    (void)!write(reportFd, &error, sizeof error);
+    _exit(127);
+}
+
+bool unreserved(unsigned char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+           c == '_' || c == '~';
+}
+
+}  // namespace
+
+std::optional<SystemError> LinuxApplicationLauncher::spawnDetached(const fs::path& executable,
+                                                                   const std::vector<std::string>& arguments) {
+    std::string path = executable.string();
+    std::vector<std::string> strings{path};
+    strings.insert(strings.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (auto& s : strings) argv.push_back(s.data());
+    argv.push_back(nullptr);
+
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) return SystemError::fromErrno(errno, "Could not start " + path);
+    pid_t child = fork();
+    if (child == 0) becomeApplication(path.c_str(), argv.data(), report[1]);
+    int forkError = errno;
+    close(report[1]);
+    if (child < 0) {
+        close(report[0]);
+        return SystemError::fromErrno(forkError, "Could not start " + path);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    // The pipe ends when the exec succeeded (close-on-exec) or the child
+    // died; an errno arrives only from a failure.
+    int error = 0;
+    ssize_t n;
+    do {
+        n = read(report[0], &error, sizeof error);
+    } while (n < 0 && errno == EINTR);
+    close(report[0]);
+    if (n == static_cast<ssize_t>(sizeof error)) return SystemError::fromErrno(error, "Could not start " + path);
+    return std::nullopt;
+}
+
+std::string LinuxApplicationLauncher::fileURI(const fs::path& path) {
+    static const char hex[] = "0123456789ABCDEF";
+    std::string uri = "file://";
+    for (unsigned char c : path.string()) {
+        if (unreserved(c) || c == '/') {
+            uri.push_back(static_cast<char>(c));
+        } else {
+            uri.push_back('%');
+            uri.push_back(hex[c >> 4]);
+            uri.push_back(hex[c & 15]);
+        }
+    }
+    return uri;
+}
+
+std::string LinuxApplicationLauncher::objectPath(const std::string& identifier) {
+    std::string path = "/";
+    for (char c : identifier) {
+        if (c == '.') path.push_back('/');
+        else if (unreserved(static_cast<unsigned char>(c)) && c != '~') path.push_back(c == '-' ? '_' : c);
+        else path.push_back('_');
+    }
+    return path;
+}
+
+std::optional<SystemError> LinuxApplicationLauncher::openApplication(const fs::path& app) {
+    auto bundle = bundles_.open(app);
+    if (!bundle) return SystemError{ENOENT, "The application at " + app.string() + " could not be opened."};
+    auto executable = bundle->executablePath();
+    if (!executable) return SystemError{ENOEXEC, "The application at " + app.string() + " names no executable."};
+    return spawnDetached(*executable, {});
+}
+
+std::optional<SystemError> LinuxApplicationLauncher::openURLs(const std::vector<fs::path>& files,
+                                                              const fs::path& app) {
+    auto bundle = bundles_.open(app);
+    if (!bundle) return SystemError{ENOENT, "The application at " + app.string() + " could not be opened."};
+    if (bundle->identifier && !bundle->identifier->empty()) {
+        auto owner = bus_.hasOwner(*bundle->identifier);
+        if (owner.owned) {
+            std::vector<std::string> uris;
+            for (const auto& file : files) uris.push_back(fileURI(file));
+            return bus_.openURIs(*bundle->identifier, objectPath(*bundle->identifier), uris);
+        }
+    }
+    auto executable = bundle->executablePath();
+    if (!executable) return SystemError{ENOEXEC, "The application at " + app.string() + " names no executable."};
+    std::vector<std::string> paths;
+    for (const auto& file : files) paths.push_back(file.string());
+    return spawnDetached(*executable, paths);
+}
+
+ApplicationLauncher& systemApplicationLauncher() {
+    static LinuxApplicationLauncher launcher(systemBundles(), systemSessionBus());
+    return launcher;
+}
+
+}  // namespace platform

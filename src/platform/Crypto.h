@@ -1,0 +1,27 @@
+// SHA-256 and the system's secure random generator. Stateless; any thread.
+#pragma once
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace platform {
+
+std::array<uint8_t, 32> sha256(std::string_view bytes);
+
+class SecureRandom {
+public:
+    virtual ~SecureRandom() = default;
+    // Fills the whole span, or answers false and the bytes mean nothing.
+    virtual bool fill(std::span<uint8_t> bytes) = 0;
+};
+
+// getrandom(2) from the kernel's pool.
+class LinuxSecureRandom final : public SecureRandom {
+public:
+    bool fill(std::span<uint8_t> bytes) override;
+};
+
+SecureRandom& systemSecureRandom();
+
+}  // namespace platform

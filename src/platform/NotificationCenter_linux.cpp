@@ -1,0 +1,16 @@
+#include "platform/NotificationCenter.h"
+
+#include "platform/SessionBus.h"
+
+namespace platform {
+
+std::optional<SystemError> LinuxNotificationCenter::post(const std::string& name, const std::string& object) {
+    return bus_.emitSignal(path, interface, member, name, object);
+}
+
+NotificationCenter& systemNotificationCenter() {
+    static LinuxNotificationCenter center(systemSessionBus());
+    return center;
+}
+
+}  // namespace platform

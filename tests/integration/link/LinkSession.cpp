@@ -1,0 +1,145 @@
+#include "LinkSession.h"
+
+#include <signal.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace linkintegration {
+
+fs::path bundle() { return fs::path(VSM_BUNDLES_DIR) / "Vantoric Studio.app"; }
+
+fs::path bridgeBinary() {
+#ifdef VSM_BRIDGE_BINARY
+    return VSM_BRIDGE_BINARY;
+#else
+    return {};
+#endif
+}
+
+bool available() {
+    std::error_code ec;
+    return !bridgeBinary().empty() && fs::exists(bridgeBinary(), ec) &&
+           fs::exists(bundle() / "Contents/MacOS/Vantoric Studio", ec);
+}
+
+LinkSession::LinkSession(Settings settings)
+    : bus_(std::make_unique<testsupport::PrivateBus>()) {
+    environment_ = bus_->environment();
+    environment_["VANTORIC_STUDIO_APP"] = bundle().string();
+    environment_["STUDIO_SIM_HOME"] = home_.path().string();
+    environment_["STUDIO_SIM_LOG"] = (home_.path() / "studio.jsonl").string();
+    environment_.erase("VANTORIC_STUDIO_CATALOG");
+    for (auto& [name, value] : settings) environment_[name] = value;
+}
+
+LinkSession::~LinkSession() {
+    if (bridge_) {
+        bridge_->closeStdin();
+        if (!bridge_->wait(10s)) bridge_->kill(SIGKILL);
+    }
+    stopStudio();
+    // Copies the bridge launched are nobody's children here.
+    for (pid_t pid : studioProcesses()) kill(pid, SIGTERM);
+    for (int i = 0; i < 200 && !studioProcesses().empty(); ++i) std::this_thread::sleep_for(10ms);
+    for (pid_t pid : studioProcesses()) kill(pid, SIGKILL);
+}
+
+pid_t LinkSession::startStudio(std::optional<fs::path> app) {
+    fs::path where = app.value_or(bundle());
+    studio_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
+        .argv = {(where / "Contents/MacOS/Vantoric Studio").string()}, .environment = environment_, .workingDirectory = {}});
+    auto ready = studio_->readLine(10s);
+    if (!ready || ready->find("studio-sim ready") == std::string::npos)
+        throw std::runtime_error("the simulator did not start: " + studio_->stderrText());
+    return studio_->pid();
+}
+
+void LinkSession::stopStudio() {
+    if (!studio_) return;
+    studio_->kill(SIGTERM);
+    studio_->wait(5s);
+    studio_.reset();
+}
+
+std::vector<pid_t> LinkSession::studioProcesses() const {
+    std::vector<pid_t> found;
+    std::string marker = "STUDIO_SIM_HOME=" + home_.path().string();
+    for (auto& entry : fs::directory_iterator("/proc")) {
+        std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::error_code ec;
+        auto exe = fs::read_symlink(entry.path() / "exe", ec);
+        if (ec || exe.filename() != "Vantoric Studio") continue;
+        std::ifstream in(entry.path() / "environ", std::ios::binary);
+        std::string variables((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        std::string terminated = marker + '\0';
+        if (variables.find(terminated) != std::string::npos) found.push_back(std::stoi(name));
+    }
+    return found;
+}
+
+std::vector<json> LinkSession::studioEvents(const std::string& event) const {
+    std::vector<json> events;
+    std::ifstream in(home_.path() / "studio.jsonl");
+    std::string line;
+    while (std::getline(in, line)) {
+        auto value = json::parse(line, nullptr, false);
+        if (value.is_object() && value.value("event", "") == event) events.push_back(value);
+    }
+    return events;
+}
+
+void LinkSession::startBridge() {
+    bridge_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
+        .argv = {bridgeBinary().string()}, .environment = environment_, .workingDirectory = home_.path()});
+    send({{"jsonrpc", "2.0"},
+          {"id", "init"},
+          {"method", "initialize"},
+          {"params",
+           {{"protocolVersion", "2025-06-18"},
+            {"capabilities", json::object()},
+            {"clientInfo", {{"name", "link-tests"}, {"version", "1"}}}}}});
+    if (!reply("init")) throw std::runtime_error("the bridge did not answer initialize: " + bridge_->stderrText());
+    send({{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}});
+}
+
+void LinkSession::send(const json& message) { bridge_->write(message.dump() + "\n"); }
+
+std::optional<json> LinkSession::reply(const json& id, std::chrono::milliseconds timeout) {
+    for (auto it = pending_.begin(); it != pending_.end(); ++it) {
+        if ((*it)["id"] == id) {
+            json found = *it;
+            pending_.erase(it);
+            return found;
+        }
+    }
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return std::nullopt;
+        auto line = bridge_->readLine(left);
+        if (!line) return std::nullopt;
+        auto message = json::parse(*line);
+        if (message["id"] == id) return message;
+        pending_.push_back(message);
+    }
+}
+
+json LinkSession::call(int id, const std::string& tool, const json& arguments) {
+    send({{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"}, {"params", {{"name", tool}, {"arguments", arguments}}}});
+    auto answer = reply(id, 60s);
+    if (!answer) throw std::runtime_error("no reply to call " + std::to_string(id) + "; bridge said: " + bridge_->stderrText());
+    if (!answer->contains("result")) throw std::runtime_error("call " + std::to_string(id) + " failed: " + answer->dump());
+    return (*answer)["result"];
+}
+
+std::string LinkSession::text(const json& result) {
+    if (!result.contains("content") || result["content"].empty()) return "";
+    return result["content"][0].value("text", "");
+}
+
+}  // namespace linkintegration

@@ -1,0 +1,68 @@
+// One agent session against the Studio simulator, with real parts only: a
+// private session bus, the simulator's bundle from the build tree, the real
+// bridge binary over pipes, and the simulator's JSON-lines log. Copies of the
+// simulator that the bridge launched are found by their private home folder
+// and stopped at the end. One test thread.
+#pragma once
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/PrivateBus.h"
+#include "support/TempDir.h"
+
+namespace linkintegration {
+
+using json = nlohmann::ordered_json;
+using namespace std::chrono_literals;
+
+std::filesystem::path bundle();
+std::filesystem::path bridgeBinary();
+// Both built in this tree.
+bool available();
+
+class LinkSession {
+public:
+    using Settings = std::map<std::string, std::string>;
+    explicit LinkSession(Settings settings = {});
+    ~LinkSession();
+
+    testsupport::Environment& environment() { return environment_; }
+    const std::string& busAddress() const { return bus_->address(); }
+    const std::filesystem::path& home() const { return home_.path(); }
+
+    // The simulator started by the test from `app` (default: the bundle).
+    pid_t startStudio(std::optional<std::filesystem::path> app = std::nullopt);
+    void stopStudio();
+    // Every simulator process of this session, whoever started it.
+    std::vector<pid_t> studioProcesses() const;
+    // The simulator's log events named `event`.
+    std::vector<json> studioEvents(const std::string& event) const;
+
+    void startBridge();
+    testsupport::ChildProcess& bridge() { return *bridge_; }
+    void send(const json& message);
+    // The reply to request `id`, or nothing by the deadline. Replies to other
+    // requests read meanwhile are kept for later.
+    std::optional<json> reply(const json& id, std::chrono::milliseconds timeout = 20s);
+    // A tools/call, answered: the tool result object.
+    json call(int id, const std::string& tool, const json& arguments = json::object());
+    // The text of a tool result's first content item.
+    static std::string text(const json& result);
+
+private:
+    std::unique_ptr<testsupport::PrivateBus> bus_;
+    testsupport::TempDir home_;
+    testsupport::Environment environment_;
+    std::unique_ptr<testsupport::ChildProcess> studio_;
+    std::unique_ptr<testsupport::ChildProcess> bridge_;
+    std::vector<json> pending_;
+};
+
+}  // namespace linkintegration
