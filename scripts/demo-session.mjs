@@ -84,6 +84,15 @@ await ask('A tool call with a misspelled parameter: refused before anything reac
   arguments: { action: 'start', pathh: '~/Movies/trip.mp4' },
 });
 await ask('Still alive', 'ping');
+await ask(
+  'A tool Studio carries out: the bridge launches Studio in the background, is handed a link, forwards the call',
+  'tools/call',
+  { name: 'studio_status', arguments: {} },
+);
+await ask('The next call goes over the same link', 'tools/call', {
+  name: 'timeline',
+  arguments: { action: 'list' },
+});
 
 bridge.stdin.end();
 const code = await new Promise((resolve) => bridge.on('exit', resolve));

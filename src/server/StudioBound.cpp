@@ -13,9 +13,12 @@ namespace {
 
 }  // namespace
 
-StudioMCPBridge::Task<Json> StudioMCPBridge::forward(Json, std::string) {
-    unreachable();
-    co_return Json();
+StudioMCPBridge::Task<Json> StudioMCPBridge::forward(Json arguments, std::string tool) {
+    // Named, not a temporary of the co_await: see StudioConnection::waiting.
+    auto forwarding = studio->forward(std::move(arguments), std::move(tool));
+    auto forwarded = co_await std::move(forwarding);
+    if (forwarded.result) co_return std::move(*forwarded.result);
+    co_return toolError(forwarded.refusal);
 }
 
 StudioMCPBridge::Task<Json> StudioMCPBridge::importMedia(Json) {
@@ -43,4 +46,6 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::deliverExport(Json) {
     co_return Json();
 }
 
-void StudioMCPBridge::stopLink() {}
+void StudioMCPBridge::stopLink() {
+    if (studio) studio->stop();
+}

@@ -6,9 +6,21 @@ std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context
                                                          std::optional<std::string> catalog,
                                                          std::filesystem::path workingDirectory, Output output,
                                                          Timing timing, const platform::Bundles& bundles) {
-    return std::shared_ptr<StudioMCPBridge>(new StudioMCPBridge(std::move(executor), std::move(app),
-                                                                std::move(catalog), std::move(workingDirectory),
-                                                                std::move(output), timing, bundles));
+    auto io = executor;
+    auto bridge = std::shared_ptr<StudioMCPBridge>(new StudioMCPBridge(std::move(executor), std::move(app),
+                                                                     std::move(catalog), std::move(workingDirectory),
+                                                                     std::move(output), timing, bundles));
+    // The link reads the agent's name when it announces itself; it may
+    // outlive the bridge by a pending establishment, so it holds it weakly.
+    std::weak_ptr<StudioMCPBridge> weak = bridge;
+    bridge->studio = StudioConnection::create(
+        bridge->strand_, io, bridge->app,
+        [weak] {
+            auto self = weak.lock();
+            return self ? self->clientName : std::string("A coding agent");
+        },
+        StudioConnection::Services::system(), timing.link);
+    return bridge;
 }
 
 StudioMCPBridge::StudioMCPBridge(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,

@@ -29,6 +29,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/strand.hpp>
 
+#include "link/StudioConnection.h"
 #include "link/StudioLocation.h"
 #include "platform/Bundle.h"
 #include "server/Catalog.h"
@@ -44,6 +45,8 @@ struct BridgeTiming {
     std::chrono::milliseconds drainWithin{5000};
     // How often the shutdown looks whether they have finished.
     std::chrono::milliseconds drainPoll{20};
+    // The link's waits (45 s for a call, 600 s for Studio's reply, ...).
+    LinkDurations link{};
 };
 
 class StudioMCPBridge : public StudioLocation,
@@ -141,12 +144,12 @@ public:
     const std::filesystem::path workingDirectory;
     const Output output;
     std::string clientName = "A coding agent";
-    // The link to Studio, the establishment in progress and the listener
-    // watching the link's lifetime belong here, in this order; they come
-    // with the link.
+    // The link to Studio: the live link, the establishment in progress, the
+    // listener watching the link's lifetime, the JSON-RPC id counter towards
+    // Studio and the HTTP session, all on this strand.
+    std::shared_ptr<StudioConnection> studio;
     std::map<std::string, std::shared_ptr<Call>> calls;
     std::optional<ExportDestination> exportDestination;
-    std::int64_t nextId = 0;
     bool stopped = false;
     const Timing timing;
 
