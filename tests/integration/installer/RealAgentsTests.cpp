@@ -26,7 +26,7 @@ const std::string advice =
     "\nStart a new session in your agent and ask it to make a demo video with Vantoric Studio.\n"
     "The first time, Studio asks you once to allow the agent.\n";
 
-struct Run {
+struct Ran {
     int status;
     std::string output;  // standard output (and error, for the agents, appended)
 };
@@ -84,7 +84,7 @@ protected:
         };
     }
 
-    Run execute(std::vector<std::string> argv) const {
+    Ran execute(std::vector<std::string> argv) const {
         ChildProcess child({std::move(argv), environment, root / "tmp"});
         child.closeStdin();
         std::string output = child.readRest(std::chrono::seconds(240));
@@ -92,12 +92,12 @@ protected:
         return {status.value_or(-1000), output + child.stderrText()};
     }
 
-    Run installer(std::vector<std::string> arguments) const {
+    Ran installer(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), bridge.string());
         return execute(std::move(arguments));
     }
 
-    Run agent(const std::string& program, std::vector<std::string> arguments) const {
+    Ran agent(const std::string& program, std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), (agentsBin / program).string());
         return execute(std::move(arguments));
     }
