@@ -150,7 +150,9 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
         return outcome;
     }
 
-    for (const auto& [file, entries] : byFile(stale)) {
+    for (const auto& group : byFile(stale)) {
+        const auto& file = group.first;
+        const auto& entries = group.second;
         const auto& first = entries.front();
         auto failure = editConfig(first.file, [&](const std::string& original) -> std::optional<std::string> {
             std::optional<std::string> text = original;
@@ -185,7 +187,9 @@ Outcome uninstallOpenCode(const Agent& agent, const fs::path& bridge, const Sett
         if (scan.unreadable.empty()) outcome.parts.push_back("no MCP server to remove");
         return outcome;
     }
-    for (const auto& [file, entries] : byFile(scan.entries)) {
+    for (const auto& group : byFile(scan.entries)) {
+        const auto& file = group.first;
+        const auto& entries = group.second;
         const auto& first = entries.front();
         auto failure = editConfig(first.file, [&](const std::string& original) -> std::optional<std::string> {
             std::optional<std::string> text = original;
