@@ -1,12 +1,20 @@
 // The installer: `install`, `status [--json]` and `uninstall`, optionally
-// limited to some agents. Synchronous; runs on the calling thread and prints
-// only to standard output.
+// limited to some agents. It parses the command line, refuses to install
+// from a temporary location, detects the agents, runs one step per selected
+// agent (Registration.h, OpenCode.h, Skill.h), prints what happened and
+// returns the exit status. Synchronous; runs on the calling thread, one
+// agent's programs at a time, and prints only to standard output.
 #pragma once
 #include <filesystem>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include "installer/Detection.h"
+#include "installer/Outcome.h"
+#include "installer/Registration.h"
+#include "installer/Settings.h"
 #include "platform/Environment.h"
 
 namespace BridgeInstaller {
@@ -17,5 +25,28 @@ namespace BridgeInstaller {
 // wanted agent is missing, 2 a bad command line.
 int run(const std::vector<std::string>& arguments, const std::filesystem::path& bridge,
         const std::optional<std::filesystem::path>& app, const platform::Environment& environment);
+
+// The same with the build's values and the output given explicitly.
+int run(const std::vector<std::string>& arguments, const std::filesystem::path& bridge,
+        const std::optional<std::filesystem::path>& app, const platform::Environment& environment,
+        const Settings& settings, std::ostream& out);
+
+// A copy started from a disk image or moved aside by the system's quarantine
+// would register a path that soon vanishes.
+bool isTransientLocation(const std::filesystem::path& path);
+
+// One agent in `status --json`.
+struct StatusEntry {
+    std::string id;
+    std::string title;
+    Registration registration;
+};
+
+// {"agents":[{"detail":…,"id":…,"registration":…,"title":…}],"bridge":…}:
+// keys sorted, no white space, every slash written "\/".
+std::string statusJSON(const std::vector<StatusEntry>& entries, const std::filesystem::path& bridge);
+
+// The `status` step for one agent.
+Outcome report(const Agent& agent, const std::filesystem::path& bridge, const Settings& settings);
 
 }  // namespace BridgeInstaller

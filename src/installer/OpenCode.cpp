@@ -1,0 +1,214 @@
+#include "installer/OpenCode.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <map>
+#include <system_error>
+
+#include "installer/Files.h"
+#include "installer/Text.h"
+#include "jsonc/JSONCDocument.h"
+
+namespace fs = std::filesystem;
+
+namespace BridgeInstaller {
+namespace {
+
+constexpr std::string_view withoutCommand = "a server without a command";
+constexpr std::string_view keySeparator = " \u203A ";
+
+std::vector<std::vector<std::string>> keyPaths(const std::string& serverName) {
+    return {{"mcp", "servers", serverName}, {"mcp", serverName}};
+}
+
+std::string describe(const std::optional<std::vector<std::string>>& command) {
+    return command ? text::joined(*command, " ") : std::string(withoutCommand);
+}
+
+// Entries grouped by their file, the groups ordered by the file's path and
+// each keeping scan order.
+std::map<std::string, std::vector<OpenCodeEntry>> byFile(const std::vector<OpenCodeEntry>& entries) {
+    std::map<std::string, std::vector<OpenCodeEntry>> groups;
+    for (const auto& entry : entries) groups[entry.file.string()].push_back(entry);
+    return groups;
+}
+
+// OpenCode's own add command. Current OpenCode refuses "--global" and prints
+// its help, while the plain form writes the global configuration anyway when
+// run outside a project (the runner starts it in the temporary folder); so
+// the plain form is the fallback, and the files say whether it worked.
+CommandResult addToOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+    auto added = add(agent, bridge, settings);
+    if (added.status == 0) return added;
+    return run(agent.executable, {"mcp", "add", settings.serverName, "--", bridge.string()}, settings.timeout);
+}
+
+}  // namespace
+
+Registration OpenCodeScan::registration(const fs::path& bridge) const {
+    if (!unreadable.empty()) return Registration::unknown(unreadable.front().string() + " could not be read as JSON.");
+    if (entries.empty()) return Registration::absent();
+    for (const auto& entry : entries) {
+        if (!launches(entry.command, bridge)) return Registration::other(describe(entry.command));
+    }
+    return Registration::current();
+}
+
+std::vector<fs::path> openCodeConfigs(const Agent& agent) {
+    std::vector<fs::path> files;
+    if (!agent.configFolder) return files;
+    for (const char* name : {"opencode.json", "opencode.jsonc"}) {
+        fs::path file = *agent.configFolder / name;
+        // A link counts even when it leads nowhere: the user meant it to be
+        // the configuration, and hears that it cannot be read.
+        std::error_code ec;
+        if (fs::exists(fs::symlink_status(file, ec))) files.push_back(file);
+    }
+    return files;
+}
+
+std::optional<std::vector<OpenCodeEntry>> openCodeEntries(std::string_view text, const fs::path& file,
+                                                          const std::string& serverName) {
+    auto document = JSONCDocument::parse(text);
+    if (!document) return std::nullopt;
+    std::vector<OpenCodeEntry> entries;
+    for (auto& path : keyPaths(serverName)) {
+        if (!document->member(path)) continue;
+        auto commandPath = path;
+        commandPath.push_back("command");
+        entries.push_back({file, path, document->strings(commandPath)});
+    }
+    return entries;
+}
+
+OpenCodeScan openCodeScan(const Agent& agent, const Settings& settings) {
+    OpenCodeScan scan;
+    for (const auto& file : openCodeConfigs(agent)) {
+        auto contents = files::read(file);
+        if (!contents.bytes) {
+            scan.unreadable.push_back(file);
+            continue;
+        }
+        std::string decoded = text::decodedUTF8(*contents.bytes);
+        if (auto entries = openCodeEntries(decoded, file, settings.serverName)) {
+            scan.entries.insert(scan.entries.end(), entries->begin(), entries->end());
+        } else if (decoded.find("\"" + settings.serverName + "\"") != std::string::npos) {
+            // Broken, and about us: guessing could lose the user's entry.
+            scan.unreadable.push_back(file);
+        }
+    }
+    return scan;
+}
+
+std::optional<std::string> editConfig(const fs::path& file, const ConfigEdit& edit) {
+    std::error_code ec;
+    fs::path target = fs::canonical(file, ec);
+    if (ec) target = file;
+    auto contents = files::read(target);
+    if (!contents.bytes) return "It could not be read.";
+    auto edited = edit(text::decodedUTF8(*contents.bytes));
+    if (!edited) return "It could not be edited safely (Studio edits only JSON with comments it can read back).";
+    std::optional<mode_t> mode;
+    struct stat info;
+    if (stat(target.c_str(), &info) == 0) mode = info.st_mode & 07777;
+    return files::writeAtomically(target, *edited, mode);
+}
+
+Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+    Outcome outcome;
+    auto scan = openCodeScan(agent, settings);
+    std::string commandText = "[" + jsonString(bridge.string()) + "]";
+
+    if (!scan.unreadable.empty()) {
+        for (const auto& file : scan.unreadable) {
+            outcome.fail("could not read " + file.string(), std::nullopt,
+                         "Check by hand that its \"" + settings.serverName + "\" MCP server runs " + commandText + ".");
+        }
+        return outcome;
+    }
+
+    if (scan.entries.empty()) {
+        auto added = addToOpenCode(agent, bridge, settings);
+        if (added.status != 0) {
+            outcome.fail("could not add Studio's MCP server", added.output);
+        } else if (openCodeScan(agent, settings).registration(bridge) == Registration::current()) {
+            outcome.parts.push_back("Studio's MCP server added");
+        } else {
+            outcome.fail("OpenCode said it added Studio's MCP server, but its global config does not show it",
+                         added.output);
+        }
+        return outcome;
+    }
+
+    std::vector<OpenCodeEntry> stale;
+    for (const auto& entry : scan.entries) {
+        if (!launches(entry.command, bridge)) stale.push_back(entry);
+    }
+    if (stale.empty()) {
+        outcome.parts.push_back("Studio's MCP server already set up");
+        return outcome;
+    }
+
+    for (const auto& group : byFile(stale)) {
+        const auto& file = group.first;
+        const auto& entries = group.second;
+        const auto& first = entries.front();
+        auto failure = editConfig(first.file, [&](const std::string& original) -> std::optional<std::string> {
+            std::optional<std::string> text = original;
+            for (const auto& entry : entries) {
+                auto commandPath = entry.path;
+                commandPath.push_back("command");
+                text = JSONCDocument::replacingValue(commandPath, commandText, *text);
+                if (!text) return std::nullopt;
+            }
+            return text;
+        });
+        if (!failure) {
+            outcome.parts.push_back("Studio's MCP server updated (it ran " + describe(first.command) + ")");
+        } else {
+            outcome.fail("could not update " + file, *failure,
+                         "Set the \"command\" of " + text::joined(first.path, keySeparator) + " there to " +
+                             commandText + ".");
+        }
+    }
+    return outcome;
+}
+
+Outcome uninstallOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+    Outcome outcome;
+    auto scan = openCodeScan(agent, settings);
+    for (const auto& file : scan.unreadable) {
+        outcome.parts.push_back("could not read " + file.string());
+        outcome.details.push_back("    Remove \"" + settings.serverName + "\" from its \"mcp\" section by hand.");
+        outcome.succeeded = false;
+    }
+    if (scan.entries.empty()) {
+        if (scan.unreadable.empty()) outcome.parts.push_back("no MCP server to remove");
+        return outcome;
+    }
+    for (const auto& group : byFile(scan.entries)) {
+        const auto& file = group.first;
+        const auto& entries = group.second;
+        const auto& first = entries.front();
+        auto failure = editConfig(first.file, [&](const std::string& original) -> std::optional<std::string> {
+            std::optional<std::string> text = original;
+            for (const auto& entry : entries) {
+                text = JSONCDocument::removingMember(entry.path, *text);
+                if (!text) return std::nullopt;
+            }
+            return text;
+        });
+        if (!failure) {
+            outcome.parts.push_back("MCP server removed");
+        } else {
+            std::vector<std::string> holder(first.path.begin(), first.path.end() - 1);
+            outcome.fail("could not edit " + file, *failure,
+                         "Remove \"" + settings.serverName + "\" from " + text::joined(holder, keySeparator) +
+                             " there by hand.");
+        }
+    }
+    return outcome;
+}
+
+}  // namespace BridgeInstaller

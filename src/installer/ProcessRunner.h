@@ -1,0 +1,35 @@
+// Runs one of an agent's programs as a child process and collects what it
+// prints. The child gets no shell, the null device as its standard input,
+// one pipe for its standard output and standard error together (in arrival
+// order), and the temporary folder as its working directory, so that it
+// never mistakes wherever the user happens to stand for a project. The
+// calling thread blocks until the child has ended or the time limit has
+// passed; every child is reaped before `run` returns.
+#pragma once
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace BridgeInstaller {
+
+struct CommandResult {
+    int status = -1;     // the exit status (the signal number when killed); -1: not started or stopped
+    std::string output;  // standard output and error as UTF-8, ill-formed bytes replaced
+};
+
+// How long a child has to go once asked to stop, and how long its output
+// pipe may stay open after it ended (a grandchild may hold it). Tests
+// shorten them; the installer uses the defaults.
+struct RunLimits {
+    std::chrono::milliseconds grace{5000};
+    std::chrono::milliseconds drain{2000};
+};
+
+// A child that outlives `timeout` seconds is sent SIGTERM, then SIGKILL after
+// the grace period, and gives status -1 with a note at the end of its output.
+// A program that cannot be started gives status -1 and the reason.
+CommandResult run(const std::filesystem::path& program, const std::vector<std::string>& arguments, double timeout,
+                  const RunLimits& limits = {});
+
+}  // namespace BridgeInstaller

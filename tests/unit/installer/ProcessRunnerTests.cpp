@@ -1,0 +1,116 @@
+// The child-process runner against real programs: /bin/sh scripts that
+// print, hang, ignore SIGTERM or leave a grandchild holding the pipe.
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "installer/ProcessRunner.h"
+#include "support/TempDir.h"
+
+using BridgeInstaller::run;
+using BridgeInstaller::RunLimits;
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+namespace {
+
+BridgeInstaller::CommandResult shell(const std::string& script, double timeout = 10, RunLimits limits = {}) {
+    return run("/bin/sh", {"-c", script}, timeout, limits);
+}
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// No child of this test process is left unreaped.
+bool noZombies() {
+    int status;
+    return waitpid(-1, &status, WNOHANG) <= 0;
+}
+
+}  // namespace
+
+TEST(ChildProcessRunner, CollectsStandardOutputAndErrorInArrivalOrder) {
+    auto result = shell("echo one; echo two >&2; printf three; exit 3");
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.output, "one\ntwo\nthree");
+    EXPECT_EQ(shell("echo only-errors >&2").output, "only-errors\n");
+    EXPECT_TRUE(noZombies());
+}
+
+TEST(ChildProcessRunner, ArgumentsArePassedWordForWordWithoutAShell) {
+    auto result = run("/usr/bin/printf", {"[%s]", "a b", "$HOME", "'q'", ""}, 10);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "[a b][$HOME]['q'][]");
+}
+
+TEST(ChildProcessRunner, StandardInputIsEmptyAndTheWorkingFolderIsTheTemporaryOne) {
+    auto result = shell("cat; pwd");
+    std::error_code ec;
+    EXPECT_EQ(result.output, fs::canonical(fs::temp_directory_path()).string() + "\n");
+}
+
+TEST(ChildProcessRunner, InvalidUtf8IsReplaced) {
+    auto result = shell("printf 'a\\377b\\342\\202c'");
+    EXPECT_EQ(result.output, "a\xEF\xBF\xBD" "b\xEF\xBF\xBD" "c");
+}
+
+TEST(ChildProcessRunner, KilledChildGivesItsSignalNumber) {
+    EXPECT_EQ(shell("kill -9 $$").status, 9);
+}
+
+TEST(ChildProcessRunner, ProgramThatCannotStartGivesMinusOneAndTheReason) {
+    testsupport::TempDir dir;
+    auto missing = run(dir.path() / "nothing-here", {}, 10);
+    EXPECT_EQ(missing.status, -1);
+    EXPECT_EQ(missing.output, "Could not start " + (dir.path() / "nothing-here").string() + ": No such file or directory.");
+
+    auto folder = run(dir.path(), {}, 10);
+    EXPECT_EQ(folder.status, -1);
+    EXPECT_EQ(folder.output, "Could not start " + dir.path().string() + ": Permission denied.");
+    EXPECT_TRUE(noZombies());
+}
+
+TEST(ChildProcessRunner, HangingChildIsStoppedWithANoteAfterItsOutput) {
+    auto start = Clock::now();
+    auto result = shell("echo started; exec sleep 60", 0.5);
+    EXPECT_LT(secondsSince(start), 5);
+    EXPECT_EQ(result.status, -1);
+    EXPECT_EQ(result.output, "started\n\n(stopped after 0 s without an answer)");
+    EXPECT_TRUE(noZombies());
+}
+
+TEST(ChildProcessRunner, NoteNamesTheLimitInWholeSeconds) {
+    auto result = shell("exec sleep 60", 1.9);
+    EXPECT_EQ(result.output, "\n(stopped after 1 s without an answer)");
+}
+
+TEST(ChildProcessRunner, ChildIgnoringTerminationIsKilledAfterTheGracePeriod) {
+    auto start = Clock::now();
+    RunLimits limits{std::chrono::milliseconds(300), std::chrono::milliseconds(300)};
+    // The trap is set before "ready" is printed, so SIGTERM finds it in place.
+    auto result = shell("trap '' TERM; echo ready; while :; do sleep 0.05; done", 0.5, limits);
+    EXPECT_LT(secondsSince(start), 4);
+    EXPECT_EQ(result.status, -1);
+    EXPECT_EQ(result.output, "ready\n\n(stopped after 0 s without an answer)");
+    EXPECT_TRUE(noZombies());
+}
+
+TEST(ChildProcessRunner, GrandchildHoldingThePipeDelaysTheResultOnlyByTheDrain) {
+    auto start = Clock::now();
+    RunLimits limits{std::chrono::milliseconds(5000), std::chrono::milliseconds(400)};
+    auto result = shell("echo parent; (sleep 30; echo late) & exit 0", 20, limits);
+    double took = secondsSince(start);
+    EXPECT_GE(took, 0.35);
+    EXPECT_LT(took, 3);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "parent\n");
+}
+
+TEST(ChildProcessRunner, LargeOutputIsCollectedWhole) {
+    auto result = shell("head -c 3000000 /dev/zero | tr '\\0' x");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output.size(), 3000000u);
+}
