@@ -5,7 +5,8 @@
 std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,
                                                          std::optional<std::string> catalog,
                                                          std::filesystem::path workingDirectory, Output output,
-                                                         Timing timing, const platform::Bundles& bundles) {
+                                                         Timing timing, const platform::Bundles& bundles,
+                                                         std::optional<StudioConnection::Services> services) {
     auto io = executor;
     auto bridge = std::shared_ptr<StudioMCPBridge>(new StudioMCPBridge(std::move(executor), std::move(app),
                                                                      std::move(catalog), std::move(workingDirectory),
@@ -19,7 +20,7 @@ std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context
             auto self = weak.lock();
             return self ? self->clientName : std::string("A coding agent");
         },
-        StudioConnection::Services::system(), timing.link);
+        services ? std::move(*services) : StudioConnection::Services::system(), timing.link);
     return bridge;
 }
 

@@ -87,7 +87,8 @@ public:
                                                    std::optional<std::string> catalog,
                                                    std::filesystem::path workingDirectory, Output output,
                                                    Timing timing = {},
-                                                   const platform::Bundles& bundles = platform::systemBundles());
+                                                   const platform::Bundles& bundles = platform::systemBundles(),
+                                                   std::optional<StudioConnection::Services> services = std::nullopt);
 
     StudioMCPBridge(const StudioMCPBridge&) = delete;
     StudioMCPBridge& operator=(const StudioMCPBridge&) = delete;

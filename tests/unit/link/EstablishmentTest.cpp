@@ -100,9 +100,11 @@ private:
         if (StudioPeer::challenge(nonce) != challenge) challengesMatched_ = false;
         std::this_thread::sleep_for(askDelay);
         if (closeWithoutReply) return;
-        if (!neverAnswer) client->send(reply(handover) + "\n");
+        // Recorded before the reply: the bridge may finish linking, and the
+        // test read the nonces, before this thread runs again.
         std::lock_guard lock(mutex_);
         nonces_.push_back(nonce);
+        if (!neverAnswer) client->send(reply(handover) + "\n");
         clients_.push_back(std::move(client));
     }
 

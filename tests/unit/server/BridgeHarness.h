@@ -15,7 +15,9 @@
 #include <vector>
 
 #include "server/StudioMCPBridge.h"
+#include "peer/StudioPeer.h"
 #include "support/FakeBundles.h"
+#include "support/PlatformDoubles.h"
 #include "support/TempDir.h"
 
 namespace testsupport {
@@ -32,9 +34,19 @@ public:
                            std::optional<std::filesystem::path> app = fakeStudio,
                            std::filesystem::path workingDirectory = "/work/folder") {
         bundles.add(fakeStudio, std::string(StudioMCPBridge::releaseIdentifier), "3.2.1");
+        // No Studio runs and none can be started: whatever needs the link
+        // fails at once with the launch failure, and nothing of this machine
+        // (its session bus, its running programs) is touched.
+        launcher.failure = platform::SystemError{ENOENT, "No such file or directory"};
+        auto peer = std::make_shared<StudioPeer>(StudioPeer::Services{running, sockets, signing},
+                                                 std::string(StudioMCPBridge::releaseIdentifier));
+        StudioConnection::Services services{notifications, running, launcher, random, peer, {},
+                                            std::string(StudioMCPBridge::releaseIdentifier),
+                                            std::string(StudioMCPBridge::releaseIdentifier) + ".agent-link",
+                                            std::string(StudioMCPBridge::hello)};
         bridge = StudioMCPBridge::create(
             context.get_executor(), std::move(app), std::move(catalog), std::move(workingDirectory),
-            [this](std::string_view line) { written.emplace_back(line); }, {}, bundles);
+            [this](std::string_view line) { written.emplace_back(line); }, {}, bundles, std::move(services));
     }
 
     // Receives the lines in one turn of the strand and runs every task.
@@ -79,6 +91,12 @@ public:
     }
 
     FakeBundles bundles;
+    FakeNotificationCenter notifications;
+    FakeRunningApplications running;
+    FakeProcessSockets sockets;
+    FakeCodeSigning signing;
+    FakeApplicationLauncher launcher;
+    FakeSecureRandom random;
     boost::asio::io_context context;
     std::vector<std::string> written;
     std::shared_ptr<StudioMCPBridge> bridge;
