@@ -115,6 +115,24 @@ std::optional<std::string> editConfig(const fs::path& file, const ConfigEdit& ed
     return files::writeAtomically(target, *edited, mode);
 }
 
+namespace {
+
+// One write of a file for all of its entries: each edit applies to the text
+// the previous one left; one that fails leaves the file untouched.
+template <typename Edit>
+std::optional<std::string> editEntries(const fs::path& file, const std::vector<OpenCodeEntry>& entries, Edit edit) {
+    return editConfig(file, [&](const std::string& original) -> std::optional<std::string> {
+        std::optional<std::string> text = original;
+        for (const auto& entry : entries) {
+            text = edit(entry, *text);
+            if (!text) return std::nullopt;
+        }
+        return text;
+    });
+}
+
+}  // namespace
+
 Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
     Outcome outcome;
     auto scan = openCodeScan(agent, settings);
@@ -154,15 +172,10 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
         const auto& file = group.first;
         const auto& entries = group.second;
         const auto& first = entries.front();
-        auto failure = editConfig(first.file, [&](const std::string& original) -> std::optional<std::string> {
-            std::optional<std::string> text = original;
-            for (const auto& entry : entries) {
-                auto commandPath = entry.path;
-                commandPath.push_back("command");
-                text = JSONCDocument::replacingValue(commandPath, commandText, *text);
-                if (!text) return std::nullopt;
-            }
-            return text;
+        auto failure = editEntries(first.file, entries, [&](const OpenCodeEntry& entry, const std::string& text) {
+            auto commandPath = entry.path;
+            commandPath.push_back("command");
+            return JSONCDocument::replacingValue(commandPath, commandText, text);
         });
         if (!failure) {
             outcome.parts.push_back("Studio's MCP server updated (it ran " + describe(first.command) + ")");
@@ -191,13 +204,8 @@ Outcome uninstallOpenCode(const Agent& agent, const fs::path& bridge, const Sett
         const auto& file = group.first;
         const auto& entries = group.second;
         const auto& first = entries.front();
-        auto failure = editConfig(first.file, [&](const std::string& original) -> std::optional<std::string> {
-            std::optional<std::string> text = original;
-            for (const auto& entry : entries) {
-                text = JSONCDocument::removingMember(entry.path, *text);
-                if (!text) return std::nullopt;
-            }
-            return text;
+        auto failure = editEntries(first.file, entries, [](const OpenCodeEntry& entry, const std::string& text) {
+            return JSONCDocument::removingMember(entry.path, text);
         });
         if (!failure) {
             outcome.parts.push_back("MCP server removed");

@@ -2,32 +2,15 @@
 
 #include <cctype>
 
+#include "platform/PercentEncoding.h"
+
 namespace {
 
 bool isHex(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
 
-bool unreserved(unsigned char c) {
-    return std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~';
-}
-
 bool allowedInURL(unsigned char c) {
     static const std::string_view other = ":/?#[]@!$&'()*+,;=%";
-    return unreserved(c) || other.find(static_cast<char>(c)) != std::string_view::npos;
-}
-
-std::string percentEncode(std::string_view text, std::string_view keep) {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : text) {
-        if (unreserved(c) || keep.find(static_cast<char>(c)) != std::string_view::npos) {
-            out.push_back(static_cast<char>(c));
-        } else {
-            out.push_back('%');
-            out.push_back(hex[c >> 4]);
-            out.push_back(hex[c & 15]);
-        }
-    }
-    return out;
+    return platform::isUnreserved(c) || other.find(static_cast<char>(c)) != std::string_view::npos;
 }
 
 }  // namespace
@@ -152,8 +135,8 @@ std::string URL::target() const {
 URL URL::appendingPathComponent(std::string_view component) const {
     URL next = *this;
     if (next.path.empty() || next.path.back() != '/') next.path.push_back('/');
-    next.path += percentEncode(component, "!$'()*,;:@");
+    next.path += platform::percentEncode(component, "!$'()*,;:@");
     return next;
 }
 
-std::string percentEncodeQueryValue(std::string_view value) { return percentEncode(value, "!$'()*,;:@/?"); }
+std::string percentEncodeQueryValue(std::string_view value) { return platform::percentEncode(value, "!$'()*,;:@/?"); }

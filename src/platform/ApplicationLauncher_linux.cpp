@@ -10,6 +10,7 @@
 
 #include "platform/ApplicationLauncher.h"
 #include "platform/Bundle.h"
+#include "platform/PercentEncoding.h"
 #include "platform/SessionBus.h"
 
 extern char** environ;
@@ -66,11 +67,6 @@ namespace {
     _exit(127);
 }
 
-bool unreserved(unsigned char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-           c == '_' || c == '~';
-}
-
 }  // namespace
 
 std::optional<SystemError> LinuxApplicationLauncher::spawnDetached(const fs::path& executable,
@@ -108,25 +104,14 @@ std::optional<SystemError> LinuxApplicationLauncher::spawnDetached(const fs::pat
 }
 
 std::string LinuxApplicationLauncher::fileURI(const fs::path& path) {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string uri = "file://";
-    for (unsigned char c : path.string()) {
-        if (unreserved(c) || c == '/') {
-            uri.push_back(static_cast<char>(c));
-        } else {
-            uri.push_back('%');
-            uri.push_back(hex[c >> 4]);
-            uri.push_back(hex[c & 15]);
-        }
-    }
-    return uri;
+    return "file://" + percentEncode(path.string(), "/");
 }
 
 std::string LinuxApplicationLauncher::objectPath(const std::string& identifier) {
     std::string path = "/";
     for (char c : identifier) {
         if (c == '.') path.push_back('/');
-        else if (unreserved(static_cast<unsigned char>(c)) && c != '~') path.push_back(c == '-' ? '_' : c);
+        else if (isUnreserved(static_cast<unsigned char>(c)) && c != '~') path.push_back(c == '-' ? '_' : c);
         else path.push_back('_');
     }
     return path;

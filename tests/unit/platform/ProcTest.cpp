@@ -60,7 +60,9 @@ TEST_F(ProcessesOfABundle, MainExecutableIsARunningApplicationThatPassesTheSigni
     auto apps = running_.withBundleIdentifier(identifier);
     ASSERT_TRUE(listed(apps, child->pid()));
     for (auto& app : apps) {
-        if (app.processIdentifier == child->pid()) EXPECT_EQ(app.bundleURL, bundle.app);
+        if (app.processIdentifier == child->pid()) {
+            EXPECT_EQ(app.bundleURL, bundle.app);
+        }
     }
     EXPECT_FALSE(listed(running_.withBundleIdentifier("com.example.other"), child->pid()));
 
