@@ -30,11 +30,12 @@ class BridgeHarness {
 public:
     explicit BridgeHarness(std::optional<std::string> catalog = studioCatalog(),
                            std::optional<std::filesystem::path> app = fakeStudio,
-                           std::filesystem::path workingDirectory = "/work/folder") {
+                           std::filesystem::path workingDirectory = "/work/folder",
+                           StudioMCPBridge::Timing timing = {}) {
         bundles.add(fakeStudio, std::string(StudioMCPBridge::releaseIdentifier), "3.2.1");
         bridge = StudioMCPBridge::create(
             context.get_executor(), std::move(app), std::move(catalog), std::move(workingDirectory),
-            [this](std::string_view line) { written.emplace_back(line); }, {}, bundles);
+            [this](std::string_view line) { written.emplace_back(line); }, timing, bundles);
     }
 
     // Receives the lines in one turn of the strand and runs every task.
