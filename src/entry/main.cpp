@@ -77,8 +77,7 @@ int main(int argc, char** argv) {
 
     auto catalog = StudioMCPBridge::catalogData(app, environment);
     boost::asio::io_context context(1);
-    BridgeTiming timing;
-    timing.link = LinkDurations::fromEnvironment(environment);
+    BridgeTiming timing = BridgeTiming::fromEnvironment(environment);
     auto bridge = StudioMCPBridge::create(context.get_executor(), app, std::move(catalog), currentFolder(),
                                           writeToStandardOutput, timing);
     if (!app) platform::log("Vantoric Studio was not found; set VANTORIC_STUDIO_APP.");

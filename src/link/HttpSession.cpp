@@ -1,15 +1,21 @@
 #include "link/HttpSession.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core/file_posix.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
+#include <algorithm>
+#include <cstring>
 #include <map>
 #include <optional>
 
@@ -183,23 +189,107 @@ asio::awaitable<HttpResponse> HttpSession::send(HttpRequest request) {
     co_return HttpResponse{static_cast<int>(response.result_int()), std::move(response.body())};
 }
 
-asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::filesystem::path file) {
-    std::optional<http::request<http::file_body>> message;
+namespace {
+
+// The pieces an upload is read and sent in: large enough that a loopback
+// upload is a few thousand writes per gigabyte, small against the memory
+// the bridge may use.
+constexpr size_t uploadPiece = 1 << 20;
+
+// A file being sent, closed on every way out.
+class SourceFile {
+public:
+    explicit SourceFile(const std::filesystem::path& path) : path_(path) {
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat info {};
+        if (fd_ < 0 || ::fstat(fd_, &info) != 0) fail(errno);
+        size_ = static_cast<uint64_t>(info.st_size);
+        ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
+    ~SourceFile() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    SourceFile(const SourceFile&) = delete;
+    SourceFile& operator=(const SourceFile&) = delete;
+
+    uint64_t size() const { return size_; }
+
+    // The next bytes at `offset`, as many as fit, never none: a file that
+    // ends before the size it had at the start is a failure, not a short
+    // body.
+    size_t read(char* into, size_t capacity, uint64_t offset) const {
+        size_t want = static_cast<size_t>(std::min<uint64_t>(capacity, size_ - offset));
+        for (;;) {
+            ssize_t got = ::pread(fd_, into, want, static_cast<off_t>(offset));
+            if (got > 0) return static_cast<size_t>(got);
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) fail(errno);
+            throw FileReadError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
+        }
+    }
+
+private:
+    [[noreturn]] void fail(int error) const {
+        throw FileReadError("Could not read " + path_.string() + ": " + std::strerror(error) + ".");
+    }
+
+    std::filesystem::path path_;
+    int fd_ = -1;
+    uint64_t size_ = 0;
+};
+
+// The header, then the file's bytes piece by piece, then the answer's
+// header; the same shape of outcome as writeThenReadHeader.
+template <class Parser>
+asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection& connection,
+                                                                     http::request<http::empty_body>& message,
+                                                                     const SourceFile& source, std::vector<char>& piece,
+                                                                     const HttpSession::Sent& sent, Parser& parser,
+                                                                     std::chrono::steady_clock::duration timeout) {
+    http::request_serializer<http::empty_body> head(message);
+    connection.stream.expires_after(timeout);
+    auto [written, n] = co_await http::async_write_header(connection.stream, head, asio::as_tuple(asio::use_awaitable));
+    if (written) co_return std::pair{written, false};
+    for (uint64_t offset = 0; offset < source.size();) {
+        size_t got = source.read(piece.data(), piece.size(), offset);
+        connection.stream.expires_after(timeout);
+        auto [ec, m] = co_await asio::async_write(connection.stream, asio::buffer(piece.data(), got),
+                                                  asio::as_tuple(asio::use_awaitable));
+        if (ec) co_return std::pair{ec, false};
+        offset += got;
+        if (sent) sent(offset, source.size());
+    }
+    connection.stream.expires_after(timeout);
+    auto [read, m] = co_await http::async_read_header(connection.stream, connection.buffer, parser,
+                                                      asio::as_tuple(asio::use_awaitable));
+    co_return std::pair{read, parser.got_some()};
+}
+
+}  // namespace
+
+asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::filesystem::path file, Sent sent) {
+    // Opened before any connection is made: a file that cannot be read
+    // costs Studio nothing.
+    std::optional<SourceFile> source(std::in_place, file);
+    std::vector<char> piece(static_cast<size_t>(std::clamp<uint64_t>(source->size(), 1, uploadPiece)));
+    bool firstAttempt = true;
+    http::request<http::empty_body> message;
     std::optional<http::response_parser<http::string_body>> parser;
     auto connection = co_await pool_->run(request.url, [&](Connection& c) {
-        // The file is opened afresh for each attempt: a failed attempt may
-        // have read part of it.
-        message.emplace();
-        prepare(*message, request);
-        error_code opened;
-        message->body().open(file.c_str(), beast::file_mode::scan, opened);
-        if (opened)
-            throw TransportError("Could not read " + file.string() + ": " + opened.message() + ".");
-        message->prepare_payload();
+        // A retry opens the file afresh and sends it as it is now.
+        if (!firstAttempt) {
+            source.reset();
+            source.emplace(file);
+        }
+        firstAttempt = false;
+        message = {};
+        prepare(message, request);
+        message.content_length(source->size());
         parser.emplace();
         parser->body_limit(stringBodyLimit);
-        return writeThenReadHeader(c, *message, *parser, pool_->timeout);
+        return writeFileThenReadHeader(c, message, *source, piece, sent, *parser, pool_->timeout);
     });
+    source.reset();
     connection->stream.expires_after(pool_->timeout);
     auto [ec, n] = co_await http::async_read(connection->stream, connection->buffer, *parser,
                                              asio::as_tuple(asio::use_awaitable));

@@ -8,8 +8,9 @@
 //
 // Owned by the bridge and used only from its strand (the executor given at
 // construction); several exchanges may be in flight at once. Transport
-// failures are thrown as TransportError with a sentence for the agent,
-// cancellation as cancellation.
+// failures are thrown as TransportError with a sentence for the agent, a
+// file that cannot be read while it is sent as FileReadError, cancellation as
+// cancellation.
 #pragma once
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
@@ -41,6 +42,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+class FileReadError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 class HttpSession {
 public:
     static constexpr std::chrono::seconds defaultTimeout{600};
@@ -53,8 +59,16 @@ public:
 
     // The request with its string body; the whole answer.
     boost::asio::awaitable<HttpResponse> send(HttpRequest request);
-    // The request with the file's bytes as its body, read as they are sent.
-    boost::asio::awaitable<HttpResponse> sendFile(HttpRequest request, std::filesystem::path file);
+    // Called on the strand as a file's bytes go out: bytes sent so far, and
+    // the file's size when the sending began.
+    using Sent = std::function<void(uint64_t sent, uint64_t total)>;
+
+    // The request with the file's bytes as its body, read in large pieces as
+    // they are sent (never the whole file in memory). The body is as long as
+    // the file was when the sending began; a file that shrinks or cannot be
+    // read meanwhile fails the exchange with FileReadError and its
+    // connection, which Studio then sees cut short.
+    boost::asio::awaitable<HttpResponse> sendFile(HttpRequest request, std::filesystem::path file, Sent sent = {});
     // The request; when the status is `wanted`, `open` is called for a
     // descriptor (which the session then owns and closes) and the body is
     // written to it as it arrives. Returns the status either way; any other

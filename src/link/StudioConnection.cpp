@@ -370,7 +370,7 @@ asio::awaitable<StudioConnection::Forwarded> StudioConnection::forward(nlohmann:
     co_return Forwarded{std::nullopt, "Vantoric Studio refused the call."};
 }
 
-asio::awaitable<std::string> StudioConnection::upload(fs::path file, Link link) {
+asio::awaitable<std::string> StudioConnection::upload(fs::path file, Link link, UploadProgress progress) {
     auto self = shared_from_this();
     std::string name = file.filename().string();
     URL url = link.files.appendingPathComponent("uploads");
@@ -379,7 +379,7 @@ asio::awaitable<std::string> StudioConnection::upload(fs::path file, Link link) 
                         url,
                         {{"Authorization", "Bearer " + link.token}, {"Content-Type", "application/octet-stream"}},
                         {}};
-    HttpResponse response = co_await session_->sendFile(std::move(request), file);
+    HttpResponse response = co_await session_->sendFile(std::move(request), file, std::move(progress));
     auto reply = nlohmann::ordered_json::parse(response.body, nullptr, false);
     if (reply.is_discarded() || !reply.is_object()) reply = nlohmann::ordered_json::object();
     if (response.status == 201) {
@@ -399,7 +399,10 @@ public:
         if (!path.empty()) ::unlink(path.c_str());
     }
     // Opens a new file in `folder`, readable by all as the result will be.
-    int create(const fs::path& folder, const std::string& name) {
+    int create(const fs::path& folder, std::string name) {
+        // The name's first bytes are enough to tell whose it is; the whole
+        // of a long name would not fit beside the suffix.
+        if (name.size() > 200) name.resize(200);
         std::string pattern = (folder / ("." + name + ".download-XXXXXX")).string();
         int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
         if (fd < 0) throw fs::filesystem_error("Could not create a file", folder, std::error_code(errno, std::generic_category()));

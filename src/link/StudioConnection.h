@@ -100,7 +100,13 @@ public:
 
     boost::asio::awaitable<Link> connect();
     boost::asio::awaitable<Forwarded> forward(nlohmann::ordered_json arguments, std::string tool);
-    boost::asio::awaitable<std::string> upload(std::filesystem::path file, Link link);
+    // Called on the strand as an upload's bytes go out: bytes sent so far,
+    // and the file's size.
+    using UploadProgress = std::function<void(uint64_t sent, uint64_t total)>;
+    boost::asio::awaitable<std::string> upload(std::filesystem::path file, Link link, UploadProgress progress = {});
+    // Writes the export into a file beside `destination`, then renames it
+    // into place (0644); the file is removed on every other way out, and a
+    // folder at the destination is never written into.
     boost::asio::awaitable<void> download(std::string downloadId, std::filesystem::path destination, bool overwrite);
 
     // The shutdown: no new link from now on, the lifetime listeners stopped,
@@ -117,6 +123,8 @@ public:
     bool hasPending() const { return pending_ != nullptr; }
     const std::optional<Link>& link() const { return link_; }
     HttpSession& session() { return *session_; }
+    // How Studio is started and handed files (the workspace).
+    platform::ApplicationLauncher& launcher() { return services_.launcher; }
 
 private:
     StudioConnection(boost::asio::any_io_executor strand, boost::asio::any_io_executor io, std::optional<std::filesystem::path> app,

@@ -53,8 +53,16 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
                 Json arguments = Json::object();
                 if (auto member = given->find("arguments"); member != given->end() && member->is_object())
                     arguments = std::move(*member);
+                Progress progress;
+                if (auto token = Progress::tokenIn(*given)) {
+                    std::weak_ptr<StudioMCPBridge> weak = shared_from_this();
+                    progress = Progress(std::move(*token), [weak, entry](const Json& notification) {
+                        auto self = weak.lock();
+                        if (self && !entry->cancelled) self->send(notification);
+                    });
+                }
                 try {
-                    computed = co_await call(name->get<std::string>(), std::move(arguments));
+                    computed = co_await call(name->get<std::string>(), std::move(arguments), std::move(progress));
                 } catch (const Cancellation&) {
                     // passes through: no reply
                 } catch (const std::exception& failure) {
@@ -87,16 +95,17 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
     calls.erase(key(id));
 }
 
-StudioMCPBridge::Task<Json> StudioMCPBridge::call(std::string tool, Json arguments) {
+StudioMCPBridge::Task<Json> StudioMCPBridge::call(std::string tool, Json arguments, Progress progress) {
     if (auto refusal = unknownParameters(tool, arguments, tools())) co_return toolError(*refusal);
 
     const std::string* action = actionIn(arguments);
-    if (tool == "import_media") co_return co_await importMedia(std::move(arguments));
+    if (tool == "import_media") co_return co_await importMedia(std::move(arguments), std::move(progress));
     if (tool == "project" && action && *action == "open" && arguments.contains("path"))
         co_return co_await openProject(std::move(arguments));
-    if (tool == "export_video" && (!action || *action == "start")) co_return co_await exportVideo(std::move(arguments));
+    if (tool == "export_video" && (!action || *action == "start"))
+        co_return co_await exportVideo(std::move(arguments), std::move(progress));
     if (tool == "export_video" && *action == "status") co_return co_await exportStatus(std::move(arguments));
-    if (tool == "series") co_return co_await series(std::move(arguments));
+    if (tool == "series") co_return co_await series(std::move(arguments), std::move(progress));
     co_return co_await forward(std::move(arguments), std::move(tool));
 }
 

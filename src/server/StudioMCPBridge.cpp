@@ -1,6 +1,20 @@
 #include "server/StudioMCPBridge.h"
 
+#include <cstdlib>
+
 #include "server/PathResolution.h"
+
+BridgeTiming BridgeTiming::fromEnvironment(const std::map<std::string, std::string>& environment) {
+    BridgeTiming timing;
+    timing.link = LinkDurations::fromEnvironment(environment);
+    if (auto wait = environment.find("VSM_TEST_EXPORT_WAIT_MS"); wait != environment.end()) {
+        char* end = nullptr;
+        long long milliseconds = std::strtoll(wait->second.c_str(), &end, 10);
+        if (end != wait->second.c_str() && *end == '\0' && milliseconds > 0)
+            timing.exportWait = std::chrono::milliseconds(milliseconds);
+    }
+    return timing;
+}
 
 std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context::executor_type executor, std::optional<std::filesystem::path> app,
                                                          std::optional<std::string> catalog,

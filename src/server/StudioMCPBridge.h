@@ -34,6 +34,7 @@
 #include "platform/Bundle.h"
 #include "server/Catalog.h"
 #include "server/JSONText.h"
+#include "server/Progress.h"
 #include "server/SessionSetup.h"
 #include "server/ToolResults.h"
 #include "server/Transport.h"
@@ -45,8 +46,15 @@ struct BridgeTiming {
     std::chrono::milliseconds drainWithin{5000};
     // How often the shutdown looks whether they have finished.
     std::chrono::milliseconds drainPoll{20};
+    // The longest a call that starts an export waits for it to settle.
+    std::chrono::steady_clock::duration exportWait = std::chrono::seconds(45);
     // The link's waits (45 s for a call, 600 s for Studio's reply, ...).
     LinkDurations link{};
+
+    // The defaults, except that the integration tests of the real binary may
+    // shorten the export wait (VSM_TEST_EXPORT_WAIT_MS) and the link's waits
+    // (LinkDurations::fromEnvironment).
+    static BridgeTiming fromEnvironment(const std::map<std::string, std::string>& environment);
 };
 
 class StudioMCPBridge : public StudioLocation,
@@ -112,8 +120,9 @@ public:
     // Answers one request and, last of all, removes its entry from `calls`.
     Task<void> answer(Json request, std::shared_ptr<Call> entry);
     // Routes one tool call: refuses unknown parameters, sends the file tools
-    // to the bridge's own handlers and everything else to Studio.
-    Task<Json> call(std::string tool, Json arguments);
+    // to the bridge's own handlers and everything else to Studio. `progress`
+    // hears about long work (uploads, an export being waited for).
+    Task<Json> call(std::string tool, Json arguments, Progress progress = {});
 
     // ---- session set-up and catalog ----
 
@@ -127,16 +136,30 @@ public:
     // ---- tools carried out with Studio ----
 
     Task<Json> forward(Json arguments, std::string tool);
-    Task<Json> importMedia(Json arguments);
-    Task<Json> series(Json arguments);
+    // Media on this machine: each file checked, then uploaded to Studio, and
+    // the call forwarded with upload ids in place of the paths.
+    Task<Json> importMedia(Json arguments, Progress progress = {});
+    Task<Json> series(Json arguments, Progress progress = {});
+    // A project folder on this machine, handed to Studio through the
+    // workspace when Studio has no access to it yet.
     Task<Json> openProject(Json arguments);
-    Task<Json> exportVideo(Json arguments);
+    // Starts an export, waits up to `timing.exportWait` for it to settle, and
+    // copies a completed one to the agent's path.
+    Task<Json> exportVideo(Json arguments, Progress progress = {});
+    // Studio's export status for the agent: the copy made when it completed
+    // and a destination waits, download ids removed, a reminder while it
+    // runs.
     Task<Json> deliverExport(Json studioResult);
     // "export_video" with "action" "status".
     Task<Json> exportStatus(Json arguments);
+    // Whether Studio's export status says the export is no longer running.
+    static bool exportSettled(const Json& studioResult);
 
     // A path the agent gave, resolved against the working directory.
     std::filesystem::path resolvePath(std::string_view path) const;
+    // A path to a file that must be there and readable; a BridgeError
+    // otherwise.
+    std::filesystem::path resolveFile(std::string_view path) const;
 
     // ---- state (strand only) ----
 

@@ -162,6 +162,11 @@ public:
         std::lock_guard lock(mutex_);
         return opened_;
     }
+    // Every openURLs: the files and the application they were handed to.
+    std::vector<std::pair<std::vector<std::filesystem::path>, std::filesystem::path>> openedFiles() const {
+        std::lock_guard lock(mutex_);
+        return openedFiles_;
+    }
     std::optional<platform::SystemError> failure;
     std::function<void(const std::filesystem::path&)> onOpen;
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "LinkTestSupport.h"
@@ -210,6 +211,37 @@ TEST_F(Uploading, AnythingButA201WithAnIdIsRefused) {
     EXPECT_EQ(failure(), "Studio did not accept a.png: PNG files are not supported.");
     answer(201, "not json");
     EXPECT_EQ(failure(), "Studio did not accept a.png: upload failed.");
+}
+
+TEST_F(Uploading, ProgressCountsTheBytesSentUpToTheFileSize) {
+    testsupport::TempDir dir;
+    auto file = dir.write("big.mov", std::string(5 << 20, 'b'));
+    answer(201, R"({"uploadId":"u-1"})");
+    auto link = io_.run(connection_->connect());
+    std::vector<uint64_t> told;
+    io_.run(connection_->upload(file, link, [&](uint64_t sent, uint64_t total) {
+        EXPECT_EQ(total, 5u << 20);
+        told.push_back(sent);
+    }));
+    ASSERT_GE(told.size(), 2u);
+    EXPECT_TRUE(std::is_sorted(told.begin(), told.end()));
+    EXPECT_EQ(told.back(), 5u << 20);
+    EXPECT_EQ(http_.requests().at(0).body.size(), 5u << 20);
+}
+
+TEST_F(Uploading, FileThatShrinksWhileSentFailsThatUploadAlone) {
+    testsupport::TempDir dir;
+    auto file = dir.write("shrinking.mov", std::string(5 << 20, 's'));
+    auto other = dir.write("other.mov", "other");
+    answer(201, R"({"uploadId":"u-1"})");
+    auto link = io_.run(connection_->connect());
+    auto call = io_.start(connection_->upload(file, link, [&](uint64_t, uint64_t) { fs::resize_file(file, 10); }));
+    EXPECT_EQ(failureOf(call), "Could not read " + file.string() + ": it became shorter while it was being uploaded.");
+    // Studio never saw a whole request for it; the next upload goes through.
+    EXPECT_EQ(io_.run(connection_->upload(other, link)), "u-1");
+    auto requests = http_.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].body, "other");
 }
 
 TEST_F(Uploading, MissingFileIsAnError) {

@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/FakeHttp.h"
+
 namespace linktest {
 
 using namespace std::chrono_literals;
@@ -95,49 +97,7 @@ private:
     std::string buffer_;
 };
 
-// A tiny HTTP/1.1 server on its own thread playing Studio's services. Each
-// request is answered by `handler`; requests are recorded.
-class FakeHttp {
-public:
-    struct Request {
-        std::string method;
-        std::string target;
-        std::map<std::string, std::string> headers;
-        std::string body;
-    };
-    struct Response {
-        int status = 200;
-        std::string body;
-        std::string contentType = "application/json";
-        bool close = false;             // close the connection after answering
-        size_t truncateBodyAt = SIZE_MAX;  // announce the full length, then close after this many bytes
-        std::chrono::milliseconds delay{0};
-    };
-
-    FakeHttp();
-    ~FakeHttp();
-    uint16_t port() const { return port_; }
-    std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
-    void setHandler(std::function<Response(const Request&)> handler);
-    std::vector<Request> requests() const;
-    int connections() const;
-    // Closes every connection that is waiting for its next request.
-    void closeIdleConnections();
-
-private:
-    void serve(int fd);
-
-    int listener_ = -1;
-    uint16_t port_ = 0;
-    std::thread acceptor_;
-    mutable std::mutex mutex_;
-    std::function<Response(const Request&)> handler_;
-    std::vector<Request> requests_;
-    std::vector<int> idle_;
-    std::vector<std::thread> workers_;
-    int connections_ = 0;
-    bool stopping_ = false;
-};
+// Studio's services, played by a small HTTP server of the test support.
+using testsupport::FakeHttp;
 
 }  // namespace linktest

@@ -32,7 +32,8 @@ class BridgeHarness {
 public:
     explicit BridgeHarness(std::optional<std::string> catalog = studioCatalog(),
                            std::optional<std::filesystem::path> app = fakeStudio,
-                           std::filesystem::path workingDirectory = "/work/folder") {
+                           std::filesystem::path workingDirectory = "/work/folder",
+                           StudioMCPBridge::Timing timing = {}) {
         bundles.add(fakeStudio, std::string(StudioMCPBridge::releaseIdentifier), "3.2.1");
         // No Studio runs and none can be started: whatever needs the link
         // fails at once with the launch failure, and nothing of this machine
@@ -46,7 +47,7 @@ public:
                                             std::string(StudioMCPBridge::hello)};
         bridge = StudioMCPBridge::create(
             context.get_executor(), std::move(app), std::move(catalog), std::move(workingDirectory),
-            [this](std::string_view line) { written.emplace_back(line); }, {}, bundles, std::move(services));
+            [this](std::string_view line) { written.emplace_back(line); }, timing, bundles, std::move(services));
     }
 
     // Receives the lines in one turn of the strand and runs every task.

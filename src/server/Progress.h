@@ -1,0 +1,48 @@
+// Progress of one tool call, for an agent that asked for it: a "tools/call"
+// whose params carry "_meta"."progressToken" (MCP's progress utility) gets
+// "notifications/progress" lines with that token while long work goes on, so
+// a client that times out quiet requests keeps waiting for a healthy upload
+// or export. A call without a token gets a reporter that writes nothing.
+//
+// Copies share one state: the progress told so far only ever grows (a report
+// that does not advance it is dropped), and a report that moves it by less
+// than a hundredth of the total and says nothing new is dropped too, so a
+// gigabyte upload makes about a hundred lines, not thousands. Used on the
+// bridge's strand only.
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "server/JSONText.h"
+
+class Progress {
+public:
+    // Writes one notification message.
+    using Send = std::function<void(const Json& notification)>;
+
+    // Reports nothing.
+    Progress() = default;
+    Progress(Json token, Send send);
+
+    // The progress token of a request's params: "_meta"."progressToken" when
+    // it is a string or an integer.
+    static std::optional<Json> tokenIn(const Json& params);
+
+    // Whether anybody listens; work that is only done to be reported (adding
+    // up sizes, say) can be skipped otherwise.
+    bool wanted() const { return state_ != nullptr; }
+
+    void report(uint64_t progress, uint64_t total, const std::string& message);
+
+private:
+    struct State {
+        Json token;
+        Send send;
+        std::optional<uint64_t> told;
+        std::string message;
+    };
+    std::shared_ptr<State> state_;
+};

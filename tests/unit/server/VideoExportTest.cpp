@@ -1,0 +1,212 @@
+// Video export: the destination remembered, the bounded wait for a started
+// export, the copy of a completed one, and what the agent is told.
+#include <sys/stat.h>
+
+#include "StudioHarness.h"
+
+using namespace testsupport;
+namespace fs = std::filesystem;
+
+namespace {
+
+const Json queued = {{"phase", "queued"}, {"exportId", "x1"}};
+const Json rendering = {{"phase", "rendering"}, {"exportId", "x1"}, {"file", {{"name", "Trip.mp4"}, {"level", 0.42}}}};
+const Json completed = {{"phase", "completed"},
+                        {"exportId", "x1"},
+                        {"file", {{"name", "Trip.mp4"}, {"bytes", 11}, {"downloadId", "dl-1"}}}};
+const Json failed = {{"phase", "failed"}, {"exportId", "x1"}, {"error", "The render failed."}};
+
+std::string noteFor(const fs::path& path) {
+    return "Still exporting. Call export_video {action:\"status\", wait_seconds:40}; the copy is saved to " +
+           path.string() + " when it completes.";
+}
+
+Json payloadOf(const Json& reply) { return Json::parse(toolText(reply)); }
+
+// Studio answers "start" with `start` and every status call with `status`.
+void answerExport(StudioHarness& studio, Json start, Json status) {
+    studio.onCall([start, status](const Json& params) {
+        return params["arguments"].value("action", "") == "start" ? studioResult(start) : studioResult(status);
+    });
+}
+
+unsigned modeOf(const fs::path& path) {
+    struct stat info {};
+    EXPECT_EQ(stat(path.c_str(), &info), 0);
+    return info.st_mode & 0777;
+}
+
+}  // namespace
+
+TEST(StartingExports, PathMustBeAnMp4ThatIsNotThereUnlessOverwriting) {
+    StudioHarness studio;
+    answerExport(studio, queued, failed);
+    for (std::string path : {"out.mov", "out.MOV", "out", "renders/mp4"})
+        EXPECT_EQ(toolText(studio.call(1, "export_video", {{"path", path}})), "path must end in .mp4.") << path;
+    studio.file("taken.mp4", "old");
+    fs::create_directories(studio.work() / "folder.mp4");
+    for (std::string taken : {"taken.mp4", "folder.mp4"})
+        EXPECT_EQ(toolText(studio.call(1, "export_video", {{"action", "start"}, {"path", taken}, {"overwrite", "yes"}})),
+                  (studio.work() / taken).string() +
+                      " already exists. Pass overwrite:true to replace it, or choose another path.");
+    EXPECT_TRUE(studio.calls().empty());
+
+    studio.call(2, "export_video", {{"path", "taken.mp4"}, {"overwrite", true}});
+    studio.call(3, "export_video", {{"path", "sub/../Out.MP4"}});
+    EXPECT_EQ(studio.calls().front()["arguments"], Json({{"action", "start"}}));
+}
+
+TEST(StartingExports, OnlyTheActionAndTheLabelChoiceReachStudio) {
+    StudioHarness studio;
+    answerExport(studio, failed, failed);
+    studio.call(1, "export_video",
+                {{"action", "start"}, {"path", "a.mp4"}, {"overwrite", false}, {"include_ai_label", "maybe"}, {"wait_seconds", 3}});
+    EXPECT_EQ(studio.calls().at(0)["arguments"].dump(), R"({"action":"start","include_ai_label":"maybe"})");
+}
+
+TEST(StartingExports, CompletedWithinTheWaitIsSavedAtThePath) {
+    StudioHarness studio;
+    answerExport(studio, queued, completed);
+    studio.offerDownload("dl-1", "mp4 content");
+    auto reply = studio.call(1, "export_video", {{"path", "renders/Trip.mp4"}});
+    fs::path saved = studio.work() / "renders/Trip.mp4";
+
+    Json expected = completed;
+    expected["file"].erase("downloadId");
+    expected["file"]["savedTo"] = saved.string();
+    EXPECT_EQ(payloadOf(reply), expected);
+    EXPECT_EQ(readFile(saved), "mp4 content");
+    EXPECT_EQ(modeOf(saved), 0644u);
+    EXPECT_FALSE(studio.bridge->exportDestination);
+
+    auto calls = studio.calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1]["arguments"].dump(), R"({"action":"status","wait_seconds":15})");
+    EXPECT_EQ(studio.downloads(), std::vector<std::string>{"dl-1"});
+}
+
+TEST(StartingExports, RenderingWithALevelKeepsPollingUntilTheWaitIsOver) {
+    StudioHarness studio;
+    studio.callDelay = std::chrono::milliseconds(40);
+    Json writing = completed;
+    writing["phase"] = "none";
+    writing["file"]["level"] = 1.0;  // not settled while a level is given
+    answerExport(studio, rendering, writing);
+    auto start = std::chrono::steady_clock::now();
+    auto reply = studio.call(1, "export_video", {{"path", "a.mp4"}});
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    EXPECT_GT(studio.calls().size(), 2u);
+    // A "file" object means no reminder, and nothing is copied.
+    Json expected = writing;
+    expected["file"].erase("downloadId");
+    EXPECT_EQ(payloadOf(reply), expected);
+    EXPECT_TRUE(studio.downloads().empty());
+    EXPECT_TRUE(studio.bridge->exportDestination);
+}
+
+TEST(StartingExports, StillQueuedAfterTheWaitGetsTheNoteAndALaterStatusSaves) {
+    StudioHarness studio;
+    studio.callDelay = std::chrono::milliseconds(40);
+    answerExport(studio, queued, queued);
+    auto reply = studio.call(1, "export_video", {{"path", "~/out.mp4"}});
+    Json expected = queued;
+    expected["note"] = noteFor(studio.home() / "out.mp4");
+    EXPECT_EQ(payloadOf(reply), expected);
+
+    answerExport(studio, queued, completed);
+    studio.offerDownload("dl-1", "bytes");
+    auto later = studio.call(2, "export_video", {{"action", "status"}, {"wait_seconds", 40}});
+    EXPECT_EQ(payloadOf(later)["file"]["savedTo"], (studio.home() / "out.mp4").string());
+    EXPECT_EQ(readFile(studio.home() / "out.mp4"), "bytes");
+    EXPECT_EQ(studio.calls().back()["arguments"].dump(), R"({"action":"status","wait_seconds":40})");
+}
+
+TEST(StartingExports, StudiosRefusalIsReturnedAsItCame) {
+    StudioHarness studio;
+    studio.bridge->exportDestination = StudioMCPBridge::ExportDestination{"/earlier.mp4", true};
+    studio.onCall([](const Json&) { return studioRefusal("No project is open."); });
+    auto reply = studio.call(1, "export_video", {{"path", "new.mp4"}});
+    EXPECT_EQ(reply["result"], studioRefusal("No project is open."));
+    ASSERT_TRUE(studio.bridge->exportDestination);
+    EXPECT_EQ(studio.bridge->exportDestination->url, "/earlier.mp4");
+
+    // A refused poll ends the wait; the new destination stays remembered.
+    studio.onCall([](const Json& params) {
+        return params["arguments"]["action"] == "start" ? studioResult(queued) : studioRefusal("Studio is busy.");
+    });
+    reply = studio.call(2, "export_video", {{"path", "new.mp4"}});
+    EXPECT_EQ(reply["result"], studioRefusal("Studio is busy."));
+    EXPECT_EQ(studio.bridge->exportDestination->url, studio.work() / "new.mp4");
+}
+
+TEST(StartingExports, StartWithoutAPathForgetsTheEarlierDestination) {
+    StudioHarness studio;
+    studio.bridge->exportDestination = StudioMCPBridge::ExportDestination{studio.work() / "earlier.mp4", false};
+    answerExport(studio, queued, completed);
+    studio.offerDownload("dl-1", "bytes");
+    auto reply = studio.call(1, "export_video", Json::object());
+    Json expected = completed;
+    expected["file"].erase("downloadId");
+    EXPECT_EQ(payloadOf(reply), expected);
+    EXPECT_TRUE(studio.downloads().empty());
+    EXPECT_FALSE(fs::exists(studio.work() / "earlier.mp4"));
+}
+
+TEST(ExportStatus, FailedExportForgetsTheDestination) {
+    StudioHarness studio;
+    answerExport(studio, queued, failed);
+    auto reply = studio.call(1, "export_video", {{"action", "status"}, {"path", "a.mp4"}, {"overwrite", true}});
+    EXPECT_EQ(reply["result"], studioResult(failed));
+    EXPECT_EQ(studio.calls().at(0)["arguments"], Json({{"action", "status"}}));
+    EXPECT_FALSE(studio.bridge->exportDestination);
+
+    answerExport(studio, queued, completed);
+    studio.call(2, "export_video", {{"action", "status"}});
+    EXPECT_TRUE(studio.downloads().empty());
+}
+
+TEST(ExportStatus, DestinationThatBecameAFolderIsReportedAndNotTriedAgain) {
+    StudioHarness studio;
+    answerExport(studio, queued, queued);
+    studio.call(1, "export_video", {{"path", "out.mp4"}});
+    fs::create_directories(studio.work() / "out.mp4");
+
+    answerExport(studio, queued, completed);
+    studio.offerDownload("dl-1", "bytes");
+    auto reply = studio.call(2, "export_video", {{"action", "status"}});
+    EXPECT_EQ(toolText(reply), (studio.work() / "out.mp4").string() + " is a folder: name a file to export to.");
+    EXPECT_TRUE(fs::is_empty(studio.work() / "out.mp4"));
+
+    auto again = studio.call(3, "export_video", {{"action", "status"}});
+    EXPECT_EQ(studio.downloads().size(), 1u);
+    EXPECT_FALSE(payloadOf(again)["file"].contains("downloadId"));
+    EXPECT_FALSE(payloadOf(again)["file"].contains("savedTo"));
+}
+
+TEST(ExportStatus, ExistingFileIsReplacedOnlyWhenAsked) {
+    StudioHarness studio;
+    studio.file("out.mp4", "old");
+    answerExport(studio, queued, completed);
+    studio.offerDownload("dl-1", "new");
+    auto reply = studio.call(1, "export_video", {{"action", "status"}, {"path", "out.mp4"}});
+    EXPECT_EQ(toolText(reply), (studio.work() / "out.mp4").string() + " already exists.");
+    EXPECT_EQ(readFile(studio.work() / "out.mp4"), "old");
+
+    studio.call(2, "export_video", {{"action", "status"}, {"path", "out.mp4"}, {"overwrite", true}});
+    EXPECT_EQ(readFile(studio.work() / "out.mp4"), "new");
+    EXPECT_EQ(modeOf(studio.work() / "out.mp4"), 0644u);
+}
+
+TEST(ExportSettling, SettledPhasesWithoutALevelEndTheWait) {
+    auto settled = [](const Json& payload) { return StudioMCPBridge::exportSettled(studioResult(payload)); };
+    for (std::string phase : {"completed", "failed", "cancelled", "none"}) {
+        EXPECT_TRUE(settled({{"phase", phase}})) << phase;
+        EXPECT_TRUE(settled({{"phase", phase}, {"file", "not an object"}})) << phase;
+        EXPECT_TRUE(settled({{"phase", phase}, {"file", {{"name", "a.mp4"}}}})) << phase;
+        EXPECT_FALSE(settled({{"phase", phase}, {"file", {{"level", nullptr}}}})) << phase;
+    }
+    EXPECT_FALSE(settled({{"phase", "rendering"}}));
+    EXPECT_FALSE(settled({{"phase", "Completed"}}));
+    EXPECT_FALSE(settled({{"state", "completed"}}));
+    EXPECT_FALSE(StudioMCPBridge::exportSettled(studioRefusal(R"({"phase":"completed"})")));
+}
