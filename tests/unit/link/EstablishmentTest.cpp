@@ -7,7 +7,6 @@
 #include <set>
 
 #include "LinkTestSupport.h"
-#include "link/BridgeError.h"
 #include "link/Cancellation.h"
 #include "link/StudioConnection.h"
 #include "peer/StudioPeer.h"
@@ -301,34 +300,4 @@ TEST_F(EstablishmentShutdown, StopEndsALiveLink) {
     io_.onStrand([&] { connection_->stop(); });
     EXPECT_FALSE(link.lifetime->isAlive());
     EXPECT_FALSE(io_.onStrand([&] { return connection_->link().has_value(); }));
-}
-
-namespace {
-
-void finish(IoThread& io, PendingLink& task, std::exception_ptr error = nullptr) {
-    io.onStrand([&] {
-        if (error) task.finish(error, std::nullopt);
-        else task.finish(nullptr, Link{*URL::parse("http://127.0.0.1:5000/mcp"), {}, "token", nullptr});
-        return 0;
-    });
-}
-
-}  // namespace
-
-TEST(WaitingForALink, TimeoutLeavesTheTaskRunningForLaterWaits) {
-    IoThread io;
-    auto task = std::make_shared<PendingLink>(io.strand());
-    EXPECT_THROW(io.start(StudioConnection::waiting(task, 50ms)).get(), TimeoutError);
-    EXPECT_FALSE(io.onStrand([&] { return task->done; }));
-    auto waiting = io.start(StudioConnection::waiting(task, 5s));
-    finish(io, *task);
-    EXPECT_EQ(waiting.get().token, "token");
-    EXPECT_EQ(io.start(StudioConnection::waiting(task, 5s)).get().token, "token") << "a finished task answers at once";
-}
-
-TEST(WaitingForALink, TheTasksErrorIsRethrown) {
-    IoThread io;
-    auto task = std::make_shared<PendingLink>(io.strand());
-    finish(io, *task, std::make_exception_ptr(BridgeError("refused")));
-    EXPECT_EQ(failureOf(io.start(StudioConnection::waiting(task, 5s))), "refused");
 }
