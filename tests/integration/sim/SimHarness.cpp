@@ -77,21 +77,13 @@ void BusClient::post(const std::string& name, const std::string& object) {
     sd_bus_flush(bus_);
 }
 
-bool BusClient::open(const std::string& identifier, const std::vector<std::string>& uris) {
+bool BusClient::open(const std::string& identifier, const std::string& uri) {
     std::string path = "/" + identifier;
     std::replace(path.begin(), path.end(), '.', '/');
-    sd_bus_message *call = nullptr, *reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    std::vector<char*> strv;
-    for (auto& u : uris) strv.push_back(const_cast<char*>(u.c_str()));
-    strv.push_back(nullptr);
-    bool ok = sd_bus_message_new_method_call(bus_, &call, identifier.c_str(), path.c_str(),
-                                             "org.freedesktop.Application", "Open") >= 0 &&
-              sd_bus_message_append_strv(call, strv.data()) >= 0 && sd_bus_message_open_container(call, 'a', "{sv}") >= 0 &&
-              sd_bus_message_close_container(call) >= 0 && sd_bus_call(bus_, call, 5'000'000, &error, &reply) >= 0;
+    bool ok = sd_bus_call_method(bus_, identifier.c_str(), path.c_str(), "org.freedesktop.Application", "Open", &error,
+                                 nullptr, "asa{sv}", 1, uri.c_str(), 0) >= 0;
     sd_bus_error_free(&error);
-    sd_bus_message_unref(reply);
-    sd_bus_message_unref(call);
     return ok;
 }
 

@@ -39,8 +39,8 @@ public:
     explicit BusClient(const std::string& address);
     ~BusClient();
     void post(const std::string& name, const std::string& object);
-    // org.freedesktop.Application.Open on the application's object; false when the call fails.
-    bool open(const std::string& identifier, const std::vector<std::string>& uris);
+    // org.freedesktop.Application.Open of one file on the application's object; false when the call fails.
+    bool open(const std::string& identifier, const std::string& uri);
     bool hasOwner(const std::string& name);
 
 private:

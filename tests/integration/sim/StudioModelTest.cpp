@@ -99,7 +99,7 @@ TEST(ProjectGrants, AFolderOutsideStudioNeedsAGrantUntilOpenedThroughTheBus) {
     EXPECT_TRUE(studio.payload("studio_status")["project"].is_null());
 
     // Opening the parent folder grants everything below it.
-    ASSERT_TRUE(studio.sim.busClient().open(kRelease, {"file://" + (studio.sim.scratch().path() / "Work").string()}));
+    ASSERT_TRUE(studio.sim.busClient().open(kRelease, "file://" + (studio.sim.scratch().path() / "Work").string()));
     Json opened = studio.payload("project", {{"action", "open"}, {"path", folder.string()}, {"await_open", true}});
     EXPECT_EQ(opened["opened"], true);
     EXPECT_EQ(opened["project"]["path"], folder.string());
@@ -121,7 +121,7 @@ TEST(ProjectGrants, AwaitOpenWaitsForTheGrantUpToTheCap) {
         std::this_thread::sleep_for(300ms);
         std::string uri = "file://";
         for (auto& part : folder) uri += part == "/" ? "" : "/" + percentEncode(part.string());
-        BusClient(studio.sim.bus().address()).open(kRelease, {uri});
+        BusClient(studio.sim.bus().address()).open(kRelease, uri);
     });
     Json opened = awaitOpen(folder);
     grant.join();
