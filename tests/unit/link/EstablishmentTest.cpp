@@ -1,6 +1,7 @@
 // Obtaining a link over a real loopback hand-over, with the platform services
 // as recording doubles and a test thread playing Studio whenever the bridge
-// announces itself.
+// announces itself. Launching, waiting, joining and Studio quitting are
+// proven against the real simulator by the link's integration tests.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -147,23 +148,6 @@ protected:
 
 using EstablishmentLaunch = Establishment;
 
-TEST_F(EstablishmentLaunch, StudioNotRunningIsLaunchedInTheBackgroundAndLinked) {
-    running_.set(identifier, {});
-    make();
-    testing::internal::CaptureStderr();
-    auto link = connect().get();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "vantoric-studio-mcp: launching /Applications/Vantoric Studio.app in the background\n"
-              "vantoric-studio-mcp: asking Studio for its agent endpoint (it asks the person the first time)\n"
-              "vantoric-studio-mcp: connected to Studio at http://127.0.0.1:50000/mcp\n");
-    EXPECT_EQ(launcher_.opened(), std::vector<fs::path>{app_});
-    EXPECT_EQ(link.endpoint.absoluteString(), "http://127.0.0.1:50000/mcp");
-    EXPECT_EQ(link.files.absoluteString(), "http://127.0.0.1:50001");
-    EXPECT_EQ(link.token, std::string(40, 'a'));
-    ASSERT_TRUE(link.lifetime);
-    EXPECT_TRUE(link.lifetime->isAlive());
-}
-
 TEST_F(EstablishmentLaunch, FailuresBeforeAnyAnnouncementNameTheirCause) {
     struct Case {
         std::function<void()> setUp;
@@ -206,8 +190,13 @@ using EstablishmentAnnouncement = Establishment;
 TEST_F(EstablishmentAnnouncement, PortChallengeAndClientInTheNotification) {
     client_ = "Claude Code & Co=1";
     make();
-    connect().get();
+    auto link = connect().get();
     EXPECT_TRUE(launcher_.opened().empty()) << "a usable copy was running";
+    EXPECT_EQ(link.endpoint.absoluteString(), "http://127.0.0.1:50000/mcp");
+    EXPECT_EQ(link.files.absoluteString(), "http://127.0.0.1:50001");
+    EXPECT_EQ(link.token, std::string(40, 'a'));
+    ASSERT_TRUE(link.lifetime);
+    EXPECT_TRUE(link.lifetime->isAlive());
     auto posted = notifications_.posted();
     ASSERT_FALSE(posted.empty());
     EXPECT_EQ(posted[0].name, notification);
