@@ -1,6 +1,6 @@
-// How long a simulator lives: it is launched detached by bridges and by
-// tests with private buses, so it must end cleanly on a signal, on its own
-// when its bus goes away, and after an idle time when asked.
+// How long a simulator lives: launched detached by bridges and by tests with
+// private buses, it must end cleanly on a signal, when its bus goes away, and
+// after an idle time when asked.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -9,16 +9,20 @@
 namespace simtest {
 namespace {
 
+void expectExit(SimSession& sim, int status, const std::string& reason) {
+    EXPECT_EQ(sim.process().wait(5s), status);
+    auto exit = sim.log().waitFor("exit");
+    ASSERT_TRUE(exit);
+    EXPECT_EQ((*exit)["reason"], reason);
+}
+
 TEST(Lifetime, ExitsCleanlyOnTerminate) {
     SimSession sim;
     sim.start();
     LinkReply link = sim.link();
     sim.process().kill(SIGTERM);
-    EXPECT_EQ(sim.process().wait(5s), 0);
+    expectExit(sim, 0, "signal");
     EXPECT_TRUE(link.connection.closedWithin(1s));
-    auto exit = sim.log().waitFor("exit");
-    ASSERT_TRUE(exit);
-    EXPECT_EQ((*exit)["reason"], "signal");
 }
 
 TEST(Lifetime, ExitsWhenItsSessionBusGoesAway) {
@@ -26,10 +30,7 @@ TEST(Lifetime, ExitsWhenItsSessionBusGoesAway) {
     sim.start();
     ASSERT_TRUE(sim.busClient().hasOwner(kRelease));
     sim.stopBus();
-    EXPECT_EQ(sim.process().wait(5s), 3);
-    auto exit = sim.log().waitFor("exit");
-    ASSERT_TRUE(exit);
-    EXPECT_EQ((*exit)["reason"], "bus-lost");
+    expectExit(sim, 3, "bus-lost");
 }
 
 TEST(Lifetime, ExitsAfterIdleTimeWithoutLinks) {
@@ -39,13 +40,10 @@ TEST(Lifetime, ExitsAfterIdleTimeWithoutLinks) {
         LinkReply link = sim.link();
         EXPECT_FALSE(sim.process().wait(800ms)) << "a linked simulator is not idle";
     }
-    EXPECT_EQ(sim.process().wait(5s), 0);
-    auto exit = sim.log().waitFor("exit");
-    ASSERT_TRUE(exit);
-    EXPECT_EQ((*exit)["reason"], "idle");
+    expectExit(sim, 0, "idle");
 }
 
-TEST(Lifetime, UserSignalOneEndsEveryLink) {
+TEST(Lifetime, UserSignalOneEndsEveryLinkButNotStudio) {
     SimSession sim;
     sim.start();
     LinkReply first = sim.link();
@@ -55,7 +53,6 @@ TEST(Lifetime, UserSignalOneEndsEveryLink) {
     EXPECT_TRUE(second.connection.closedWithin(5s));
     HttpClient http(sim.httpPort());
     EXPECT_EQ(http.request("POST", "/mcp", {{"Authorization", "Bearer " + first.token}}, "{}").status, 401);
-    // Studio itself goes on: a new hand-over works.
     EXPECT_EQ(sim.link().reply["ok"], true);
 }
 

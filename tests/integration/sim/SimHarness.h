@@ -1,12 +1,10 @@
 // The bridge's side of the system, played by hand for the simulator's own
 // tests: a private session bus, the simulator started from its bundle, the
-// link notification and Open sent with sd-bus, a raw hand-over listener, a
-// small HTTP/1.1 client over one keep-alive connection, and a reader for the
-// simulator's JSON-lines log. Everything waits with a deadline. One test
-// thread.
+// link notification and Open sent with sd-bus, a raw hand-over listener, an
+// HTTP/1.1 client over one keep-alive connection, and a reader for the
+// simulator's JSON-lines log. Everything waits with a deadline; one thread.
 #pragma once
 #include <chrono>
-#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -26,6 +24,7 @@ struct sd_bus;
 namespace simtest {
 
 using Json = nlohmann::json;
+using Env = std::map<std::string, std::string>;
 using namespace std::chrono_literals;
 
 inline constexpr const char* kRelease = "com.lumenfold.vantoric.studio";
@@ -40,8 +39,8 @@ public:
     explicit BusClient(const std::string& address);
     ~BusClient();
     void post(const std::string& name, const std::string& object);
-    // org.freedesktop.Application.Open on the application's object; false when the call fails.
-    bool open(const std::string& identifier, const std::vector<std::string>& uris);
+    // org.freedesktop.Application.Open of one file on the application's object; false when the call fails.
+    bool open(const std::string& identifier, const std::string& uri);
     bool hasOwner(const std::string& name);
 
 private:
@@ -52,40 +51,39 @@ private:
 class Socket {
 public:
     explicit Socket(int fd = -1) : fd_(fd) {}
-    ~Socket();
-    Socket(Socket&& other) noexcept;
+    Socket(Socket&& other) noexcept { *this = std::move(other); }
     Socket& operator=(Socket&& other) noexcept;
+    ~Socket() { close(); }
     bool valid() const { return fd_ >= 0; }
-    int fd() const { return fd_; }
     void send(const std::string& bytes);
     std::optional<std::string> readLine(std::chrono::milliseconds timeout = 5s);
-    // Bytes received within the time (after any buffered ones), "" when none.
+    // Bytes received within the time (buffered ones first), "" when none.
     std::string readSome(std::chrono::milliseconds timeout);
-    // True when the peer closed (EOF or reset) within the time, with nothing else arriving first.
+    // True when the peer closed within the time with nothing arriving first.
     bool closedWithin(std::chrono::milliseconds timeout);
     void close();
 
 private:
+    std::string receive(std::chrono::milliseconds timeout);  // from the socket only
     int fd_ = -1;
     std::string buffer_;
 };
 
-// The bridge's hand-over listener on 127.0.0.1.
+// The bridge's hand-over listener on 127.0.0.1, with its own nonce.
 class HandOverListener {
 public:
     HandOverListener();
     ~HandOverListener();
-    std::uint16_t port() const { return port_; }
+    uint16_t port() const { return port_; }
     const std::string& nonce() const { return nonce_; }
-    std::string challenge() const { return sha256Hex(nonce_); }
     // The notification's object: port=..&challenge=..&client=..
-    std::string query(const std::string& client = "Test Agent", std::optional<std::string> challenge = std::nullopt) const;
+    std::string query(const std::string& client = "Test Agent", std::optional<std::string> challenge = {}) const;
     Socket accept(std::chrono::milliseconds timeout = 5s);
     std::string greeting() const;
 
 private:
     int fd_ = -1;
-    std::uint16_t port_ = 0;
+    uint16_t port_ = 0;
     std::string nonce_;
 };
 
@@ -99,13 +97,13 @@ struct HttpResponse {
 // One keep-alive HTTP/1.1 connection to the simulator.
 class HttpClient {
 public:
-    explicit HttpClient(std::uint16_t port);
-    HttpResponse request(const std::string& method, const std::string& target, const std::map<std::string, std::string>& headers,
-                         const std::string& body = "");
+    explicit HttpClient(uint16_t port);
+    HttpResponse request(const std::string& method, const std::string& target,
+                         const std::map<std::string, std::string>& headers, const std::string& body = "");
     bool isOpen() const { return socket_.valid(); }
 
 private:
-    std::uint16_t port_;
+    uint16_t port_;
     Socket socket_;
 };
 
@@ -121,7 +119,7 @@ private:
     std::filesystem::path path_;
 };
 
-// What a successful hand-over gives the bridge.
+// What a hand-over gives the bridge.
 struct LinkReply {
     Socket connection;
     Json reply;
@@ -139,7 +137,6 @@ public:
 
     SimSession();
     ~SimSession();
-
     void start(Options options);
     void start() { start(Options{}); }
 
@@ -149,18 +146,22 @@ public:
     BusClient& busClient() { return *client_; }
     testsupport::ChildProcess& process() { return *process_; }
     const std::filesystem::path& home() const { return home_; }
-    const SimLogFile& log() const { return *log_; }
-    std::uint16_t httpPort() const { return httpPort_; }
+    const SimLogFile& log() const { return log_; }
+    uint16_t httpPort() const { return httpPort_; }
     const testsupport::TempDir& scratch() const { return scratch_; }
 
-    // Posts the link notification for the listener (with this identifier's name).
-    void announce(const HandOverListener& listener, const std::string& identifier = kRelease);
-    // Announces, accepts, greets and reads the reply; fails the test when any step does.
+    // Posts the link notification for the listener under this identifier's name.
+    void announce(const HandOverListener& listener, const std::string& identifier = kRelease,
+                  const std::string& client = "Test Agent");
+    // Announces, accepts and greets; the listener's connection and reply.
+    Socket greeted(HandOverListener& listener);
+    // A whole hand-over; throws when a step fails.
     LinkReply link(const std::string& client = "Test Agent");
 
     // A tools/call over the client; the whole JSON-RPC answer.
-    Json call(HttpClient& http, const std::string& token, const std::string& tool, const Json& arguments = Json::object(), int id = 1);
-    // The payload of a successful tool result (its last text item parsed), or the text of an error result.
+    Json call(HttpClient& http, const std::string& token, const std::string& tool,
+              const Json& arguments = Json::object(), int id = 1);
+    // The payload of a successful tool result (its last text parsed), or the text of an error result.
     static Json payload(const Json& rpcAnswer);
     static bool isToolError(const Json& rpcAnswer);
 
@@ -169,9 +170,26 @@ private:
     std::unique_ptr<testsupport::PrivateBus> bus_;
     std::unique_ptr<BusClient> client_;
     std::filesystem::path home_;
-    std::unique_ptr<SimLogFile> log_;
+    SimLogFile log_;
     std::unique_ptr<testsupport::ChildProcess> process_;
-    std::uint16_t httpPort_ = 0;
+    uint16_t httpPort_ = 0;
+};
+
+// A simulator with one link and a client on its HTTP port.
+struct Linked {
+    SimSession sim;
+    LinkReply link;
+    std::unique_ptr<HttpClient> http;
+
+    explicit Linked(std::map<std::string, std::string> environment = {}, std::vector<std::string> arguments = {});
+    Json call(const std::string& tool, const Json& arguments = Json::object(), int id = 1);
+    // The payload of a call that must succeed.
+    Json payload(const std::string& tool, const Json& arguments = Json::object());
+    HttpResponse request(const std::string& method, const std::string& target, const std::string& body = "");
+    // "-" stands for this link's token.
+    HttpResponse upload(const std::string& name, const std::string& bytes, const std::string& token = "-");
+    Json exportStatus(double waitSeconds) { return payload("export_video", {{"action", "status"}, {"wait_seconds", waitSeconds}}); }
+    Json exportUntilSettled();
 };
 
 }  // namespace simtest

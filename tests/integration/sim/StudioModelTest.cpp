@@ -3,109 +3,79 @@
 // grant, and the editing tools' refusals.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "SimHarness.h"
 
 namespace simtest {
 namespace {
 
-using Env = std::map<std::string, std::string>;
+namespace fs = std::filesystem;
 
-// A simulator with one link and a client on its HTTP port.
-struct Studio {
-    SimSession sim;
-    LinkReply link;
-    std::unique_ptr<HttpClient> http;
-
-    explicit Studio(std::map<std::string, std::string> environment = {}, std::vector<std::string> arguments = {}) {
-        sim.start({.environment = std::move(environment), .arguments = std::move(arguments)});
-        link = sim.link();
-        http = std::make_unique<HttpClient>(sim.httpPort());
-    }
-    Json call(const std::string& tool, const Json& arguments = Json::object()) { return sim.call(*http, link.token, tool, arguments); }
-    Json payload(const std::string& tool, const Json& arguments = Json::object()) {
-        Json answer = call(tool, arguments);
-        if (SimSession::isToolError(answer)) throw std::runtime_error(tool + " failed: " + answer.dump());
-        return SimSession::payload(answer);
-    }
-    Json status(double waitSeconds) { return payload("export_video", {{"action", "status"}, {"wait_seconds", waitSeconds}}); }
-};
+bool fails(Linked& studio, const std::string& tool, const Json& arguments) {
+    return SimSession::isToolError(studio.call(tool, arguments));
+}
 
 TEST(ExportPhases, QueuedThenRenderingWithALevelThenCompletedWithADownload) {
-    Studio studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "1.2"}, {"STUDIO_SIM_MAX_WAIT", "5"}});
+    Linked studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "1.2"}, {"STUDIO_SIM_MAX_WAIT", "5"}});
+    EXPECT_EQ(studio.payload("export_video", {{"action", "status"}})["phase"], "none");
+    EXPECT_TRUE(fails(studio, "export_video", {{"action", "start"}})) << "no project is open";
     studio.payload("project", {{"action", "create"}, {"name", "Trip"}});
+    EXPECT_TRUE(fails(studio, "export_video", {{"action", "start"}, {"path", "/tmp/out.mp4"}}));
     EXPECT_EQ(studio.payload("export_video")["phase"], "queued") << "no action means start";
 
     // Each wait returns at the next phase change.
-    Json rendering = studio.status(15);
+    Json rendering = studio.exportStatus(15);
     ASSERT_EQ(rendering["phase"], "rendering");
-    double level = rendering["file"]["level"];
-    EXPECT_GE(level, 0.0);
-    EXPECT_LT(level, 1.0);
+    EXPECT_GE(rendering["file"]["level"], 0.0);
+    EXPECT_LT(rendering["file"]["level"], 1.0);
     EXPECT_FALSE(rendering["file"].contains("downloadId"));
-    Json completed = studio.status(15);
+    Json completed = studio.exportStatus(15);
     ASSERT_EQ(completed["phase"], "completed");
     EXPECT_TRUE(completed["file"]["downloadId"].is_string());
     EXPECT_EQ(completed["file"]["name"], "Trip.mp4");
-    EXPECT_TRUE(std::filesystem::exists(studio.sim.home() / "Projects/Trip.vantoric/exports/Trip.mp4"));
-    // A settled export answers at once, and the next export gets a file name of its own.
-    EXPECT_EQ(studio.status(15)["phase"], "completed");
+    EXPECT_TRUE(fs::exists(studio.sim.home() / "Projects/Trip.vantoric/exports/Trip.mp4"));
+    // A settled export answers at once; the next export gets a file name of its own.
+    EXPECT_EQ(studio.exportStatus(15)["phase"], "completed");
     studio.payload("export_video", {{"action", "start"}});
-    Json second = studio.status(15);
-    while (second["phase"] != "completed") second = studio.status(15);
+    Json second = studio.exportUntilSettled();
     EXPECT_EQ(second["file"]["name"], "Trip 2.mp4");
     EXPECT_NE(second["file"]["downloadId"], completed["file"]["downloadId"]);
 }
 
-TEST(ExportPhases, WaitsNoLongerThanTheCap) {
-    Studio studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "60"}, {"STUDIO_SIM_MAX_WAIT", "0.3"}});
+TEST(ExportPhases, WaitsNoLongerThanTheCapAndCancelEndsIt) {
+    Linked studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "60"}, {"STUDIO_SIM_MAX_WAIT", "0.3"}});
     studio.payload("project", {{"action", "create"}, {"name", "Long"}});
     studio.payload("export_video", {{"action", "start"}});
-    EXPECT_EQ(studio.status(40)["phase"], "queued");
+    EXPECT_EQ(studio.exportStatus(40)["phase"], "queued");
     EXPECT_EQ(studio.payload("studio_status")["export"]["phase"], "queued");
+    EXPECT_TRUE(fails(studio, "export_video", {{"action", "start"}})) << "one export at a time";
+    EXPECT_EQ(studio.payload("export_video", {{"action", "cancel"}})["phase"], "cancelled");
+    Json after = studio.exportStatus(1);
+    EXPECT_EQ(after["phase"], "cancelled");
+    EXPECT_FALSE(after.contains("file"));
+    EXPECT_TRUE(fails(studio, "export_video", {{"action", "cancel"}}));
 }
 
 TEST(ExportPhases, FailsWithoutAFileWhenToldTo) {
-    Studio studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "0"}, {"STUDIO_SIM_EXPORT_FAIL", "1"}});
+    Linked studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "0"}, {"STUDIO_SIM_EXPORT_FAIL", "1"}});
     studio.payload("project", {{"action", "create"}, {"name", "Trip"}});
     studio.payload("export_video", {{"action", "start"}, {"include_ai_label", true}});
-    Json failed = studio.status(0);
+    Json failed = studio.exportStatus(0);
     EXPECT_EQ(failed["phase"], "failed");
     EXPECT_FALSE(failed.contains("file"));
     EXPECT_TRUE(failed["error"].is_string());
     EXPECT_EQ(failed["includeAiLabel"], true);
-    EXPECT_TRUE(std::filesystem::is_empty(studio.sim.home() / "Projects/Trip.vantoric/exports"));
-}
-
-TEST(ExportPhases, CancelEndsARunningExport) {
-    Studio studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "30"}});
-    studio.payload("project", {{"action", "create"}, {"name", "Trip"}});
-    studio.payload("export_video", {{"action", "start"}});
-    EXPECT_TRUE(SimSession::isToolError(studio.call("export_video", {{"action", "start"}}))) << "one export at a time";
-    EXPECT_EQ(studio.payload("export_video", {{"action", "cancel"}})["phase"], "cancelled");
-    Json after = studio.status(1);
-    EXPECT_EQ(after["phase"], "cancelled");
-    EXPECT_FALSE(after.contains("file"));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("export_video", {{"action", "cancel"}})));
-}
-
-TEST(ExportPhases, NeedsAnOpenProjectAndNeverTakesAPath) {
-    Studio studio;
-    EXPECT_EQ(studio.payload("export_video", {{"action", "status"}})["phase"], "none");
-    EXPECT_TRUE(SimSession::isToolError(studio.call("export_video", {{"action", "start"}})));
-    studio.payload("project", {{"action", "create"}, {"name", "Trip"}});
-    EXPECT_TRUE(SimSession::isToolError(studio.call("export_video", {{"action", "start"}, {"path", "/tmp/out.mp4"}})));
+    EXPECT_TRUE(fs::is_empty(studio.sim.home() / "Projects/Trip.vantoric/exports"));
 }
 
 TEST(ExportFile, LargeExportsAreSparseWithA64BitMediaBox) {
-    // Over 4 GiB: the media box needs its 64-bit size, and nothing like that much is written.
-    constexpr std::uint64_t size = (5ull << 30) + 17;
-    Studio studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "0"}, {"STUDIO_SIM_EXPORT_BYTES", std::to_string(size)}});
+    constexpr std::uint64_t size = (5ull << 30) + 17;  // over 4 GiB
+    Linked studio(Env{{"STUDIO_SIM_EXPORT_SECONDS", "0"}, {"STUDIO_SIM_EXPORT_BYTES", std::to_string(size)}});
     studio.payload("project", {{"action", "create"}, {"name", "Big"}});
     studio.payload("export_video", {{"action", "start"}});
-    Json done = studio.status(0);
+    Json done = studio.exportStatus(0);
     ASSERT_EQ(done["phase"], "completed");
     EXPECT_EQ(done["file"]["bytes"], size);
     std::ifstream in(done["file"]["path"].get<std::string>(), std::ios::binary);
@@ -120,16 +90,16 @@ TEST(ExportFile, LargeExportsAreSparseWithA64BitMediaBox) {
 }
 
 TEST(ProjectGrants, AFolderOutsideStudioNeedsAGrantUntilOpenedThroughTheBus) {
-    Studio studio;
+    Linked studio;
     auto folder = studio.sim.scratch().path() / "Work/Trip.vantoric";
-    std::filesystem::create_directories(folder);
+    fs::create_directories(folder);
     Json asked = studio.payload("project", {{"action", "open"}, {"path", folder.string()}});
     EXPECT_EQ(asked["needsGrant"], true);
     EXPECT_EQ(asked["path"], folder.string());
     EXPECT_TRUE(studio.payload("studio_status")["project"].is_null());
 
     // Opening the parent folder grants everything below it.
-    ASSERT_TRUE(studio.sim.busClient().open(kRelease, {"file://" + (studio.sim.scratch().path() / "Work").string()}));
+    ASSERT_TRUE(studio.sim.busClient().open(kRelease, "file://" + (studio.sim.scratch().path() / "Work").string()));
     Json opened = studio.payload("project", {{"action", "open"}, {"path", folder.string()}, {"await_open", true}});
     EXPECT_EQ(opened["opened"], true);
     EXPECT_EQ(opened["project"]["path"], folder.string());
@@ -138,72 +108,62 @@ TEST(ProjectGrants, AFolderOutsideStudioNeedsAGrantUntilOpenedThroughTheBus) {
     EXPECT_EQ((*open)["via"], "bus");
 }
 
-TEST(ProjectGrants, AwaitOpenWaitsForTheGrantToArrive) {
-    Studio studio(Env{{"STUDIO_SIM_MAX_WAIT", "10"}});
+TEST(ProjectGrants, AwaitOpenWaitsForTheGrantUpToTheCap) {
+    Linked studio(Env{{"STUDIO_SIM_MAX_WAIT", "1.5"}});
     auto folder = studio.sim.scratch().path() / "My Film.vantoric";
-    std::filesystem::create_directories(folder);
+    fs::create_directories(folder);
+    fs::create_directories(studio.sim.scratch().path() / "Else.vantoric");
+    auto awaitOpen = [&](const fs::path& path) {
+        return studio.payload("project", {{"action", "open"}, {"path", path.string()}, {"await_open", true}});
+    };
+    EXPECT_EQ(awaitOpen(studio.sim.scratch().path() / "Else.vantoric")["needsGrant"], true);
     std::thread grant([&] {
         std::this_thread::sleep_for(300ms);
-        BusClient bus(studio.sim.bus().address());
         std::string uri = "file://";
         for (auto& part : folder) uri += part == "/" ? "" : "/" + percentEncode(part.string());
-        bus.open(kRelease, {uri});
+        BusClient(studio.sim.bus().address()).open(kRelease, uri);
     });
-    Json opened = studio.payload("project", {{"action", "open"}, {"path", folder.string()}, {"await_open", true}});
+    Json opened = awaitOpen(folder);
     grant.join();
     EXPECT_EQ(opened["opened"], true) << opened.dump();
 }
 
-TEST(ProjectGrants, AwaitOpenWithoutAGrantStillNeedsOne) {
-    Studio studio(Env{{"STUDIO_SIM_MAX_WAIT", "0.2"}});
-    auto folder = studio.sim.scratch().path() / "Else.vantoric";
-    std::filesystem::create_directories(folder);
-    EXPECT_EQ(studio.payload("project", {{"action", "open"}, {"path", folder.string()}, {"await_open", true}})["needsGrant"], true);
-}
-
-TEST(ProjectGrants, PathsGivenAtLaunchAreGranted) {
+TEST(ProjectGrants, PathsGivenAtLaunchAreGrantedAndOnlyProjectFoldersOpen) {
     testsupport::TempDir elsewhere;
     auto folder = elsewhere.path() / "Launch.vantoric";
-    std::filesystem::create_directories(folder);
-    Studio studio(Env{}, {folder.string()});
+    fs::create_directories(folder);
+    Linked studio({}, {folder.string()});
     EXPECT_EQ(studio.payload("project", {{"action", "open"}, {"path", folder.string()}})["opened"], true);
     auto open = studio.sim.log().waitFor("open");
     ASSERT_TRUE(open);
     EXPECT_EQ((*open)["via"], "argv");
-}
 
-TEST(ProjectGrants, RefusesWhatIsNotAProjectFolder) {
-    Studio studio;
     auto file = studio.sim.scratch().write("notes.vantoric", "x");
-    auto plain = studio.sim.scratch().path() / "Plain";
-    std::filesystem::create_directories(plain);
-    EXPECT_TRUE(SimSession::isToolError(studio.call("project", {{"action", "open"}, {"path", file.string()}})));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("project", {{"action", "open"}, {"path", plain.string()}})));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("project", {{"action", "open"}, {"path", "p9"}})));
+    fs::create_directories(studio.sim.scratch().path() / "Plain");
+    for (std::string path : {file.string(), (studio.sim.scratch().path() / "Plain").string(), std::string("p9")})
+        EXPECT_TRUE(fails(studio, "project", {{"action", "open"}, {"path", path}})) << path;
 }
 
 TEST(Projects, CreateListSaveAndOpenById) {
-    Studio studio;
-    Json created = studio.payload("project", {{"action", "create"}, {"name", "Trip"}});
-    std::string id = created["project"]["id"];
-    EXPECT_TRUE(std::filesystem::is_directory(studio.sim.home() / "Projects/Trip.vantoric/exports"));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("project", {{"action", "create"}, {"name", "Trip"}})));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("project", {{"action", "create"}, {"name", "a/b"}})));
+    Linked studio;
+    std::string id = studio.payload("project", {{"action", "create"}, {"name", "Trip"}})["project"]["id"];
+    EXPECT_TRUE(fs::is_directory(studio.sim.home() / "Projects/Trip.vantoric/exports"));
+    EXPECT_TRUE(fails(studio, "project", {{"action", "create"}, {"name", "Trip"}}));
+    EXPECT_TRUE(fails(studio, "project", {{"action", "create"}, {"name", "a/b"}}));
     studio.payload("add_title", {{"text", "Day one"}});
     EXPECT_EQ(studio.payload("project", {{"action", "save"}})["saved"], true);
     std::ifstream saved(studio.sim.home() / "Projects/Trip.vantoric/project.json");
     EXPECT_EQ(Json::parse(saved)["titles"][0]["text"], "Day one");
     EXPECT_EQ(studio.payload("project", {{"action", "close"}})["closed"], true);
-    EXPECT_TRUE(SimSession::isToolError(studio.call("timeline", {{"action", "list"}})));
+    EXPECT_TRUE(fails(studio, "timeline", {{"action", "list"}}));
     EXPECT_EQ(studio.payload("project", {{"action", "open"}, {"path", id}})["project"]["open"], true);
     EXPECT_EQ(studio.payload("project", {{"action", "list"}})["projects"].size(), 1u);
 }
 
 TEST(Editing, TimelineTitlesAndLooksCheckTheirArguments) {
-    Studio studio;
+    Linked studio;
     studio.payload("project", {{"action", "create"}, {"name", "Cut"}});
-    HttpResponse up = studio.http->request("PUT", "/uploads?name=a.mov", {{"Authorization", "Bearer " + studio.link.token}}, "aaaa");
-    std::string uploadId = up.json()["uploadId"];
+    std::string uploadId = studio.upload("a.mov", "aaaa").json()["uploadId"];
     Json imported = studio.payload("import_media", {{"uploads", {{{"uploadId", uploadId}, {"name", "a.mov"}}}}, {"add_to_timeline", false}});
     EXPECT_TRUE(imported["clips"].empty());
     std::string mediaId = imported["imported"][0]["id"];
@@ -214,13 +174,16 @@ TEST(Editing, TimelineTitlesAndLooksCheckTheirArguments) {
     EXPECT_EQ(moved["clips"][1]["id"], second);
     Json trimmed = studio.payload("timeline", {{"action", "trim"}, {"clip_id", first}, {"in_seconds", 2}, {"out_seconds", 6.5}});
     EXPECT_EQ(trimmed["clip"]["duration"], 4.5);
-    EXPECT_TRUE(SimSession::isToolError(studio.call("timeline", {{"action", "trim"}, {"clip_id", first}, {"out_seconds", 99}})));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("timeline", {{"action", "add"}, {"media_id", "m99"}})));
     EXPECT_EQ(studio.payload("timeline", {{"action", "remove"}, {"clip_id", second}})["clips"].size(), 1u);
     EXPECT_EQ(studio.payload("color_grade", {{"look", "warm"}, {"clip_id", first}})["graded"], first);
-    EXPECT_TRUE(SimSession::isToolError(studio.call("color_grade", {{"look", "sepia"}})));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("add_title", {{"text", "x"}, {"duration_seconds", 0.1}})));
-    EXPECT_TRUE(SimSession::isToolError(studio.call("import_media", {{"paths", {"/tmp/a.mov"}}})));
+    for (auto [tool, arguments] : std::vector<std::pair<std::string, Json>>{
+             {"timeline", {{"action", "trim"}, {"clip_id", first}, {"out_seconds", 99}}},
+             {"timeline", {{"action", "add"}, {"media_id", "m99"}}},
+             {"color_grade", {{"look", "sepia"}}},
+             {"add_title", {{"text", "x"}, {"duration_seconds", 0.1}}},
+             {"import_media", {{"paths", {"/tmp/a.mov"}}}},
+         })
+        EXPECT_TRUE(fails(studio, tool, arguments)) << tool << " " << arguments.dump();
 }
 
 }  // namespace

@@ -82,8 +82,7 @@ TEST(BridgePathComparison, TildeLinksDotsAndUnicodeSpellings) {
     auto bridge = executable(dir, "home/Caf\xC3\xA9/vantoric-studio-mcp");
     fs::create_directory_symlink(dir / "home/Caf\xC3\xA9", dir / "home/link");
     // "~" names this process's home.
-    std::optional<std::string> savedHome;
-    if (const char* home = std::getenv("HOME")) savedHome = home;
+    std::string savedHome = std::getenv("HOME") ? std::getenv("HOME") : "";
     ::setenv("HOME", (dir / "home").c_str(), 1);
 
     EXPECT_TRUE(samePath("~/Caf\xC3\xA9/vantoric-studio-mcp", bridge));
@@ -92,18 +91,16 @@ TEST(BridgePathComparison, TildeLinksDotsAndUnicodeSpellings) {
     EXPECT_TRUE(samePath((dir / "home/Cafe\xCC\x81/vantoric-studio-mcp").string(), bridge));  // decomposed é
     EXPECT_FALSE(samePath((dir / "home/Cafe/vantoric-studio-mcp").string(), bridge));
     EXPECT_TRUE(samePath("/nonexistent/a/../b", "/nonexistent/b"));
-    if (savedHome) {
-        ::setenv("HOME", savedHome->c_str(), 1);
-    } else {
-        ::unsetenv("HOME");
-    }
+    if (savedHome.empty()) ::unsetenv("HOME");
+    else ::setenv("HOME", savedHome.c_str(), 1);
 }
 
 TEST(BridgePathComparison, LaunchesOnlyWithTheBridgeAsTheOneWord) {
     fs::path bridge = "/opt/studio/vantoric-studio-mcp";
-    EXPECT_TRUE(launches(std::vector<std::string>{"/opt/studio/vantoric-studio-mcp"}, bridge));
-    EXPECT_FALSE(launches(std::vector<std::string>{"/opt/studio/vantoric-studio-mcp", "--stdio"}, bridge));
-    EXPECT_FALSE(launches(std::vector<std::string>{"/usr/bin/env", "/opt/studio/vantoric-studio-mcp"}, bridge));
-    EXPECT_FALSE(launches(std::vector<std::string>{}, bridge));
+    using Words = std::vector<std::string>;
+    EXPECT_TRUE(launches(Words{"/opt/studio/vantoric-studio-mcp"}, bridge));
+    for (const Words& words : {Words{"/opt/studio/vantoric-studio-mcp", "--stdio"},
+                               Words{"/usr/bin/env", "/opt/studio/vantoric-studio-mcp"}, Words{}})
+        EXPECT_FALSE(launches(words, bridge)) << testing::PrintToString(words);
     EXPECT_FALSE(launches(std::nullopt, bridge));
 }

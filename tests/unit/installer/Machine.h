@@ -1,8 +1,8 @@
 // A user's machine in a temporary folder for installer tests: a home, a bin
 // folder that is the whole PATH, the agent doubles of tests/fixtures/agents
-// copied into it on request, a bridge executable and a Studio bundle with a
-// skill. The doubles keep their state and a log of their calls next to
-// themselves, so tests set up and inspect an agent through files.
+// copied into it on request, and a Studio bundle with the bridge and a skill.
+// The doubles keep their state and a log of their calls next to themselves,
+// so tests set up and inspect an agent through files.
 #pragma once
 #include <filesystem>
 #include <sstream>
@@ -23,40 +23,36 @@ public:
     Machine();
 
     const fs::path& root() const { return dir_.path(); }
-    const fs::path& home() const { return home_; }
-    const fs::path& bin() const { return bin_; }
+    fs::path home() const { return root() / "home"; }
+    fs::path bin() const { return root() / "bin"; }
     const fs::path& bridge() const { return bridge_; }
-    const fs::path& app() const { return app_; }
-    fs::path openCodeFolder() const { return home_ / ".config" / "opencode"; }
+    fs::path openCodeFolder() const { return home() / ".config" / "opencode"; }
 
     // Puts the double of claude, codex or opencode on the PATH.
     void installAgent(const std::string& id);
     // Their user-level server list ("NAME\tstdio\tCOMMAND\tARGS" lines).
-    void setServers(const std::string& id, const std::string& lines);
-    std::string servers(const std::string& id) const;
+    void setServers(const std::string& id, const std::string& lines) { write("bin/" + id + ".servers", lines); }
+    std::string servers(const std::string& id) const { return testsupport::readFile(bin() / (id + ".servers")); }
     // Every call's arguments, one line each, oldest first.
     std::vector<std::string> calls(const std::string& id) const;
     // Makes the next calls of `subcommand` print `reply` and exit with `status`.
     void script(const std::string& id, const std::string& subcommand, const std::string& reply, int status);
-
-    // Writes a file below the machine's root, creating folders.
     fs::path write(const std::string& relative, const std::string& contents) const { return dir_.write(relative, contents); }
 
-    platform::Environment environment() const;
+    platform::Environment environment() const { return {{"HOME", home().string()}, {"PATH", bin().string()}}; }
+    BridgeInstaller::Settings settings() const;
+    BridgeInstaller::Agent agent(const std::string& id) const;
 
     struct Result {
         int status;
         std::string output;
     };
-    Result run(const std::vector<std::string>& arguments, bool subject = false) const;
-    Result run(const std::vector<std::string>& arguments, const fs::path& bridge) const;
-
-    BridgeInstaller::Settings settings(bool subject = false) const;
-    BridgeInstaller::Agent agent(const std::string& id) const;
+    // The installer as run by the bridge at `bridge` (this machine's by default).
+    Result run(const std::vector<std::string>& arguments, std::optional<fs::path> bridge = {}) const;
 
 private:
     testsupport::TempDir dir_;
-    fs::path home_, bin_, bridge_, app_;
+    fs::path bridge_;
 };
 
 // Whether claude, codex or opencode lie in the places detection always
@@ -64,6 +60,8 @@ private:
 bool systemHasAgents();
 
 // A line of a double's server list for a stdio entry.
-std::string stdioEntry(const std::string& name, const std::string& command, const std::string& arguments = "");
+inline std::string stdioEntry(const std::string& name, const std::string& command, const std::string& arguments = "") {
+    return name + "\tstdio\t" + command + "\t" + arguments + "\n";
+}
 
 }  // namespace installertest

@@ -1,21 +1,19 @@
-// Building documents: what is accepted, what is refused, and the offsets and
-// decoded texts the tree records.
+// Building documents: what is accepted, what is refused, and the decoded
+// texts the tree records. Ranges, commas, byte order marks and keys of
+// generated documents are checked by the property tests.
 #include <gtest/gtest.h>
 
 #include <locale.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <random>
-#include <string>
 
-#include "support/TempDir.h"
 #include "jsonc/JSONCDocument.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using Kind = JSONCDocument::Node::Kind;
-using Range = JSONCDocument::Range;
 
 bool accepts(std::string_view text) { return JSONCDocument::parse(text).has_value(); }
 
@@ -27,80 +25,20 @@ std::string_view sourceOf(const JSONCDocument& document, const JSONCDocument::No
     return document.bytes().substr(node.range().lowerBound, node.range().size());
 }
 
-// The decoded text of the one string in an array, as ["..."] spells it.
+// The decoded text of the one string in ["..."].
 std::optional<std::string> decodedString(const std::string& literal) {
     auto document = JSONCDocument::parse("[" + literal + "]");
     if (!document || document->root().elements().size() != 1) return std::nullopt;
     return std::string(document->root().elements()[0].string());
 }
 
-std::string nested(int depth, std::string_view open = "[", std::string_view close = "]") {
-    std::string text;
-    for (int i = 0; i < depth; ++i) text += open;
-    for (int i = 0; i < depth; ++i) text += close;
-    return text;
+void expectDecoded(std::initializer_list<std::pair<std::string, std::optional<std::string>>> cases) {
+    for (auto& [literal, decoded] : cases) EXPECT_EQ(decodedString(literal), decoded) << literal;
 }
 
-TEST(JSONCByteOffsets, EmptyObjectSpansItsBraces) {
-    auto document = JSONCDocument::parse("{}");
-    ASSERT_TRUE(document);
-    EXPECT_EQ(document->root().kind(), Kind::object);
-    EXPECT_TRUE(document->root().members().empty());
-    EXPECT_EQ(document->root().range(), (Range{0, 2}));
-}
+std::string nested(int depth) { return std::string(depth, '[') + std::string(depth, ']'); }
 
-TEST(JSONCByteOffsets, ByteOrderMarkStaysInBytesAndShiftsOffsets) {
-    auto document = JSONCDocument::parse("\xEF\xBB\xBF{}");
-    ASSERT_TRUE(document);
-    EXPECT_EQ(document->bytes(), "\xEF\xBB\xBF{}");
-    EXPECT_EQ(document->root().range(), (Range{3, 5}));
-    expectVerdicts({{" \xEF\xBB\xBF{}", false}, {"\xEF\xBB{}", false}, {"\xEF\xBB\xBF", false}});
-}
-
-TEST(JSONCByteOffsets, MemberRecordsKeyStartAndTrailingComma) {
-    auto document = JSONCDocument::parse("{ \"a\": 1, }");
-    ASSERT_TRUE(document);
-    auto members = document->root().members();
-    ASSERT_EQ(members.size(), 1u);
-    EXPECT_EQ(members[0].key(), "a");
-    EXPECT_EQ(members[0].keyStart(), 2u);
-    EXPECT_EQ(members[0].comma(), 8u);
-    EXPECT_EQ(members[0].value().range(), (Range{7, 8}));
-}
-
-TEST(JSONCByteOffsets, CommaIsFoundPastCommentsAndLastMemberHasNone) {
-    std::string text = "{\"a\": \"x\" /* c */ , \"b\": [1, {\"c\": null}] // end\n}";
-    auto document = JSONCDocument::parse(text);
-    ASSERT_TRUE(document);
-    auto members = document->root().members();
-    ASSERT_EQ(members.size(), 2u);
-    EXPECT_EQ(members[0].comma(), text.find(','));
-    EXPECT_EQ(sourceOf(*document, members[0].value()), "\"x\"");
-    EXPECT_EQ(members[1].keyStart(), text.find("\"b\""));
-    EXPECT_FALSE(members[1].comma());
-    EXPECT_EQ(sourceOf(*document, members[1].value()), "[1, {\"c\": null}]");
-    auto inner = members[1].value().elements()[1];
-    EXPECT_EQ(sourceOf(*document, inner), "{\"c\": null}");
-    EXPECT_EQ(sourceOf(*document, inner.members()[0].value()), "null");
-}
-
-TEST(JSONCByteOffsets, RangesExcludeSurroundingTrivia) {
-    std::string text = "\r\n /* a */ [ 12.5e3 , \"s\" ] // b\r\n";
-    auto document = JSONCDocument::parse(text);
-    ASSERT_TRUE(document);
-    EXPECT_EQ(sourceOf(*document, document->root()), "[ 12.5e3 , \"s\" ]");
-    EXPECT_EQ(sourceOf(*document, document->root().elements()[0]), "12.5e3");
-    EXPECT_EQ(sourceOf(*document, document->root().elements()[1]), "\"s\"");
-}
-
-TEST(JSONCByteOffsets, OffsetsCountBytesNotCharacters) {
-    std::string text = "{\"é\": \"日本\", \"k\": 1}";
-    auto document = JSONCDocument::parse(text);
-    ASSERT_TRUE(document);
-    auto members = document->root().members();
-    EXPECT_EQ(members[1].keyStart(), text.find("\"k\""));
-    EXPECT_EQ(members[0].value().range(), (Range{text.find("\"日"), text.find(",")}));
-}
+const std::string fffd = "\xEF\xBF\xBD";
 
 TEST(JSONCTrivia, CommentsEndWhereTheyShould) {
     expectVerdicts({
@@ -113,7 +51,6 @@ TEST(JSONCTrivia, CommentsEndWhereTheyShould) {
         {"/**/{}", true},
         {"/* a\n * b **/{}/***/", true},
         {"{} /* unclosed", false},
-        {"{} /*", false},
         {"{\"a\": /* unclosed 1}", false},
         {"{} /*/", false},  // "*/" may not reuse the opening star
         {"{} /*/ */", true},
@@ -121,91 +58,29 @@ TEST(JSONCTrivia, CommentsEndWhereTheyShould) {
     });
 }
 
-TEST(JSONCTrivia, CommentsMayStandBetweenEveryToken) {
-    auto document = JSONCDocument::parse(
-        "/*0*/{/*1*/\"a\"/*2*/:/*3*/[/*4*/1/*5*/,/*6*/2/*7*/,/*8*/]/*9*/,//10\n\"b\"//11\n://12\n3//13\n}/*14*/");
-    ASSERT_TRUE(document);
-    auto members = document->root().members();
-    ASSERT_EQ(members.size(), 2u);
-    EXPECT_EQ(members[0].value().elements().size(), 2u);
-    EXPECT_EQ(sourceOf(*document, members[1].value()), "3");
-}
-
 TEST(JSONCTrivia, LoneSlashAndOtherBytesAreNotTrivia) {
-    expectVerdicts({
-        {"{} /", false},
-        {"{\"a\": / 1}", false},
-        {"/ {}", false},
-        {" \t\r\n{ \t\r\n} \t\r\n", true},
-        {"\f{}", false},
-        {"{}\v", false},
-        {"{\xC2\xA0}", false},
-    });
+    expectVerdicts({{"{} /", false}, {"{\"a\": / 1}", false}, {" \t\r\n{ \t\r\n} \t\r\n", true},
+                    {"\f{}", false}, {"{}\v", false}, {"{\xC2\xA0}", false}});
     EXPECT_FALSE(accepts(std::string_view("{}\0", 3)));
 }
 
-TEST(JSONCContainers, OneTrailingCommaIsAccepted) {
-    auto document = JSONCDocument::parse("[1, 2,]");
-    ASSERT_TRUE(document);
-    EXPECT_EQ(document->root().elements().size(), 2u);
+TEST(JSONCContainers, OneTrailingCommaAndNothingElseOutOfPlace) {
+    EXPECT_EQ(JSONCDocument::parse("[1, 2,]")->root().elements().size(), 2u);
     expectVerdicts({
-        {"{\"a\": 1,}", true},
-        {"[]", true},
-        {"{}", true},
-        {"[1, 2,,]", false},
-        {"{\"a\": 1,,}", false},
-        {"[1,,2]", false},
-        {"[,]", false},
-        {"{,}", false},
-        {"[,1]", false},
+        {"{\"a\": 1,}", true}, {"[1, 2,,]", false}, {"{\"a\": 1,,}", false}, {"[1,,2]", false},
+        {"[,]", false}, {"{,}", false}, {"[,1]", false}, {"[1 2]", false},
+        {"{\"a\": 1 \"b\": 2}", false}, {"{\"a\" 1}", false}, {"{\"a\":}", false}, {"{\"a\"}", false},
+        {"{a: 1}", false}, {"{'a': 1}", false}, {"{1: 1}", false}, {"{", false},
+        {"[1,", false}, {"{\"a\": 1", false}, {"[}", false}, {"{]", false},
     });
 }
 
-TEST(JSONCContainers, MalformedContainersFail) {
-    expectVerdicts({
-        {"[1 2]", false},
-        {"{\"a\": 1 \"b\": 2}", false},
-        {"{\"a\" 1}", false},
-        {"{\"a\":}", false},
-        {"{\"a\"}", false},
-        {"{a: 1}", false},
-        {"{'a': 1}", false},
-        {"{1: 1}", false},
-        {"{", false},
-        {"[1,", false},
-        {"[1", false},
-        {"{\"a\": 1", false},
-        {"[}", false},
-        {"{]", false},
-    });
-}
-
-TEST(JSONCContainers, DuplicateKeysAreKeptInTextOrder) {
-    auto document = JSONCDocument::parse("{\"a\": 1, \"b\": 2, \"a\": 3}");
-    ASSERT_TRUE(document);
-    auto members = document->root().members();
-    ASSERT_EQ(members.size(), 3u);
-    EXPECT_EQ(members[0].key(), "a");
-    EXPECT_EQ(members[2].key(), "a");
-    EXPECT_EQ(sourceOf(*document, members[2].value()), "3");
-}
-
-TEST(JSONCContainers, AnyValueMayBeTheRoot) {
+TEST(JSONCDocumentEnd, AnyOneValueAndNothingButTriviaAfterIt) {
     EXPECT_EQ(JSONCDocument::parse(" \"s\" ")->root().kind(), Kind::string);
     EXPECT_EQ(JSONCDocument::parse("42")->root().kind(), Kind::scalar);
-    EXPECT_EQ(JSONCDocument::parse("[]")->root().kind(), Kind::array);
-}
-
-TEST(JSONCDocumentEnd, OneValueAndNothingButTriviaAfterIt) {
-    expectVerdicts({
-        {"{ \"a\": 1 } x", false},
-        {"{}{}", false},
-        {"{},", false},
-        {"1 2", false},
-        {"", false},
-        {"   ", false},
-        {"/* */", false},
-    });
+    expectVerdicts({{"\xEF\xBB\xBF{}", true}, {" \xEF\xBB\xBF{}", false}, {"\xEF\xBB{}", false}, {"\xEF\xBB\xBF", false},
+                    {"{ \"a\": 1 } x", false}, {"{}{}", false}, {"{},", false}, {"1 2", false},
+                    {"", false}, {"   ", false}, {"/* */", false}});
 }
 
 TEST(JSONCNestingLimit, AtMostTwoHundredFiftyFiveOpenContainers) {
@@ -223,25 +98,16 @@ TEST(JSONCNestingLimit, AtMostTwoHundredFiftyFiveOpenContainers) {
     EXPECT_TRUE(accepts("[" + inner + "," + inner + "," + inner + "]"));
 }
 
-TEST(JSONCScalars, LiteralsAreLowerCaseOnly) {
-    expectVerdicts({{"[true, false, null]", true}, {"[True]", false}, {"[NULL]", false}, {"[truex]", false}});
-}
-
-TEST(JSONCScalars, NumbersBeyondJSONAreAccepted) {
-    for (const char* text : {"+1", ".5", "5.", "007", "-0", "1e5", "1E+5", "2.5e-3", "+.5e1", "Infinity",
-                             "-inf", "INF", "infinity", "NaN", "nan", "-NAN", "0x10p0", "0X1.8P1", "0xAbC",
-                             "0x.8", "1.e3", "1e400", "-1e-400"}) {
+TEST(JSONCScalars, RunsTheConversionTakesAndLowerCaseLiterals) {
+    for (const char* text : {"+1", ".5", "5.", "007", "-0", "1E+5", "2.5e-3", "+.5e1", "Infinity", "-inf", "INF",
+                             "NaN", "-NAN", "0x10p0", "0X1.8P1", "0xAbC", "0x.8", "1.e3", "1e400", "true", "null"}) {
         auto document = JSONCDocument::parse(std::string("{\"v\": ") + text + "}");
         ASSERT_TRUE(document) << text;
-        auto value = document->value({"v"});
-        EXPECT_EQ(value->kind(), Kind::scalar) << text;
-        EXPECT_EQ(sourceOf(*document, *value), text);
+        EXPECT_EQ(document->value({"v"})->kind(), Kind::scalar) << text;
+        EXPECT_EQ(sourceOf(*document, *document->value({"v"})), text);
     }
-}
-
-TEST(JSONCScalars, RunsTheConversionRefusesFail) {
-    for (const char* text : {"1..2", "abc", "1e", "1e+", "-", "+", ".", "0x", "0xp1", "infinit", "in", "1e5x",
-                             "--1", "1-", "nan1", "0x1p", "e5", ".e5"}) {
+    for (const char* text : {"1..2", "abc", "1e", "1e+", "-", ".", "0x", "0xp1", "infinit", "1e5x", "--1", "nan1",
+                             "0x1p", ".e5", "True", "NULL", "truex", "nan(1)", "1_000"}) {
         EXPECT_FALSE(accepts(std::string("[") + text + "]")) << text;
     }
 }
@@ -254,8 +120,6 @@ TEST(JSONCScalars, RunStopsAtTheFirstByteOutsideIt) {
     EXPECT_EQ(sourceOf(*document, elements[0]), "nan");
     EXPECT_EQ(sourceOf(*document, elements[1]), "1");
     EXPECT_EQ(sourceOf(*document, elements[2]), "-2");
-    EXPECT_FALSE(accepts("[nan(1)]"));
-    EXPECT_FALSE(accepts("[1_000]"));
 }
 
 // The C library's conversion, in the "C" locale, consuming the whole run.
@@ -272,8 +136,7 @@ TEST(JSONCScalars, AgreesWithTheConversionOnRandomRuns) {
     int accepted = 0;
     for (int round = 0; round < 200000; ++round) {
         std::string run;
-        std::size_t length = 1 + random() % 8;
-        for (std::size_t i = 0; i < length; ++i) run += alphabet[random() % alphabet.size()];
+        for (std::size_t i = 0, length = 1 + random() % 8; i < length; ++i) run += alphabet[random() % alphabet.size()];
         bool expected = run == "true" || run == "false" || run == "null" || conversionAccepts(run);
         accepted += expected;
         ASSERT_EQ(accepts("[" + run + "]"), expected) << run;
@@ -300,87 +163,62 @@ TEST(JSONCScalars, ProcessLocaleDoesNotMatter) {
     std::string saved = setlocale(LC_NUMERIC, nullptr);
     if (!switchToDecimalCommaLocale(folder.path())) GTEST_SKIP() << "no locale with a decimal comma";
     bool commaRadix = std::string(localeconv()->decimal_point) == ",";
-    bool hexadecimal = accepts("[0x1.8p1]"), decimal = accepts("[-1.5e3]"), word = accepts("[Infinity]");
-    bool commaNumber = accepts("[0x1,8p1]");
+    bool dotNumbers = accepts("[0x1.8p1, -1.5e3, Infinity]"), commaNumber = accepts("[0x1,8p1]");
     setlocale(LC_NUMERIC, saved.c_str());
     ASSERT_TRUE(commaRadix);
-    EXPECT_TRUE(hexadecimal);
-    EXPECT_TRUE(decimal);
-    EXPECT_TRUE(word);
+    EXPECT_TRUE(dotNumbers);
     EXPECT_FALSE(commaNumber);
 }
 
-TEST(JSONCStrings, SimpleEscapesDecode) {
-    EXPECT_EQ(decodedString(R"("a\"b\\c\/d\be\ff\ng\rh\ti")"), "a\"b\\c/d\be\ff\ng\rh\ti");
-    EXPECT_FALSE(decodedString(R"("\x")"));
-    EXPECT_FALSE(decodedString(R"("\')"));
-    EXPECT_FALSE(decodedString("\"\\"));
+TEST(JSONCStrings, EscapesDecode) {
+    expectDecoded({
+        {R"("a\"b\\c\/d\be\ff\ng\rh\ti")", "a\"b\\c/d\be\ff\ng\rh\ti"},
+        {R"("\x")", std::nullopt},
+        {R"("\')", std::nullopt},
+        {R"("\u0041\u00e9\u20AC")", "A\xC3\xA9\xE2\x82\xAC"},
+        {R"("\u0000")", std::string(1, '\0')},
+        {R"("\uFFFF")", "\xEF\xBF\xBF"},
+        // The four digits are read as the integer parser reads them.
+        {R"("\u+04A")", "J"},
+        {R"("\u-000")", std::string(1, '\0')},
+        {R"("\u-001")", std::nullopt},
+        {R"("\u00g0")", std::nullopt},
+        {R"("\u 041")", std::nullopt},
+        {R"("\u004")", std::nullopt},
+    });
     EXPECT_FALSE(accepts("\"\\"));
-}
-
-TEST(JSONCStrings, UnicodeEscapesEncodeAsUTF8) {
-    EXPECT_EQ(decodedString(R"("\u0041\u00e9\u20AC")"), "A\xC3\xA9\xE2\x82\xAC");
-    EXPECT_EQ(decodedString(R"("\u0000")"), std::string(1, '\0'));
-    EXPECT_EQ(decodedString(R"("\uFFFF")"), "\xEF\xBF\xBF");
-}
-
-TEST(JSONCStrings, UnicodeEscapeDigitsFollowTheIntegerParser) {
-    EXPECT_EQ(decodedString(R"("\u+04A")"), "J");
-    EXPECT_EQ(decodedString(R"("\u-000")"), std::string(1, '\0'));
-    EXPECT_FALSE(decodedString(R"("\u-001")"));
-    EXPECT_FALSE(decodedString(R"("\u+")"));
-    EXPECT_FALSE(decodedString(R"("\u00g0")"));
-    EXPECT_FALSE(decodedString(R"("\u 041")"));
-    EXPECT_FALSE(decodedString(R"("\u004")"));
     EXPECT_FALSE(accepts("\"\\u00"));
 }
 
-TEST(JSONCStrings, SurrogatePairsCombine) {
-    EXPECT_EQ(decodedString(R"("\ud83d\ude00")"), "\xF0\x9F\x98\x80");
-    EXPECT_EQ(decodedString(R"("\uDBFF\uDFFF")"), "\xF4\x8F\xBF\xBF");
+TEST(JSONCStrings, SurrogatesPairOrBecomeReplacementCharacters) {
+    expectDecoded({
+        {R"("\ud83d\ude00")", "\xF0\x9F\x98\x80"},
+        {R"("\uDBFF\uDFFF")", "\xF4\x8F\xBF\xBF"},
+        {R"("\ud83d")", fffd},
+        {R"("\ude00")", fffd},
+        {R"("\ud83d\ud83d\ude00")", fffd + "\xF0\x9F\x98\x80"},
+        {R"("\ud83dx\ude00")", fffd + "x" + fffd},
+        {R"("\ud83d\n")", fffd + "\n"},
+        {R"("\ude00\ud83d")", fffd + fffd},
+    });
 }
 
-TEST(JSONCStrings, UnpairedSurrogatesBecomeReplacementCharacters) {
-    const std::string fffd = "\xEF\xBF\xBD";
-    EXPECT_EQ(decodedString(R"("\ud83d")"), fffd);
-    EXPECT_EQ(decodedString(R"("\ude00")"), fffd);
-    EXPECT_EQ(decodedString(R"("\ud83d\ud83d\ude00")"), fffd + "\xF0\x9F\x98\x80");
-    EXPECT_EQ(decodedString(R"("\ud83dx\ude00")"), fffd + "x" + fffd);
-    EXPECT_EQ(decodedString(R"("\ud83d\n")"), fffd + "\n");
-    EXPECT_EQ(decodedString(R"("\ud83d\u0041")"), fffd + "A");
-    EXPECT_EQ(decodedString(R"("\ude00\ud83d")"), fffd + fffd);
-}
-
-TEST(JSONCStrings, RawBytesAreCopiedExceptLineBreaks) {
-    EXPECT_EQ(decodedString("\"a\tb\x01\x7F\""), "a\tb\x01\x7F");
-    EXPECT_EQ(decodedString("\"caf\xC3\xA9 \xF0\x9F\x98\x80\""), "caf\xC3\xA9 \xF0\x9F\x98\x80");
-    EXPECT_FALSE(accepts("[\"a\nb\"]"));
-    EXPECT_FALSE(accepts("[\"a\rb\"]"));
-    EXPECT_FALSE(accepts("[\"abc"));
-}
-
-TEST(JSONCStrings, IllFormedUTF8IsReplacedPerMaximalSubpart) {
-    const std::string fffd = "\xEF\xBF\xBD";
-    EXPECT_EQ(decodedString("\"\xC3(\""), fffd + "(");
-    EXPECT_EQ(decodedString("\"\xE2\x82\""), fffd);
-    EXPECT_EQ(decodedString("\"\xF0\x9F\x98\""), fffd);
-    EXPECT_EQ(decodedString("\"\x80\xBF\""), fffd + fffd);
-    EXPECT_EQ(decodedString("\"\xED\xA0\x80\""), fffd + fffd + fffd);
-    EXPECT_EQ(decodedString("\"\xC0\xAF\""), fffd + fffd);
-    EXPECT_EQ(decodedString("\"\xF4\x90\x80\x80\""), fffd + fffd + fffd + fffd);
-    EXPECT_EQ(decodedString("\"\xFF\""), fffd);
-    EXPECT_EQ(decodedString("\"\xE0\x80\x80\""), fffd + fffd + fffd);
-    EXPECT_EQ(decodedString("\"\xE0\xA0\x80\xF0\x90\x80\x80\""), "\xE0\xA0\x80\xF0\x90\x80\x80");
-    EXPECT_EQ(decodedString("\"\xF0\x80\x80\x80\""), fffd + fffd + fffd + fffd);
-    EXPECT_EQ(decodedString("\"\xE2\x82\\u00AC\""), fffd + "\xC2\xAC");
-    EXPECT_EQ(decodedString("\"\\n\xC3\""), "\n" + fffd);
-}
-
-TEST(JSONCStrings, KeysDecodeLikeValues) {
-    auto document = JSONCDocument::parse(R"({"\u006Dcp": {"caf\u00e9": 1, "\ud83d": 2}})");
-    ASSERT_TRUE(document);
-    EXPECT_TRUE(document->member({"mcp", "caf\xC3\xA9"}));
-    EXPECT_TRUE(document->member({"mcp", "\xEF\xBF\xBD"}));
+TEST(JSONCStrings, RawBytesAreCopiedExceptLineBreaksAndIllFormedUTF8) {
+    expectDecoded({
+        {"\"a\tb\x01\x7F\"", "a\tb\x01\x7F"},
+        {"\"caf\xC3\xA9 \xF0\x9F\x98\x80\"", "caf\xC3\xA9 \xF0\x9F\x98\x80"},
+        // One replacement per maximal subpart.
+        {"\"\xC3(\"", fffd + "("},
+        {"\"\xE2\x82\"", fffd},
+        {"\"\x80\xBF\"", fffd + fffd},
+        {"\"\xED\xA0\x80\"", fffd + fffd + fffd},
+        {"\"\xC0\xAF\"", fffd + fffd},
+        {"\"\xF4\x90\x80\x80\"", fffd + fffd + fffd + fffd},
+        {"\"\xFF\"", fffd},
+        {"\"\xE0\xA0\x80\xF0\x90\x80\x80\"", "\xE0\xA0\x80\xF0\x90\x80\x80"},
+        {"\"\xE2\x82\\u00AC\"", fffd + "\xC2\xAC"},
+    });
+    expectVerdicts({{"[\"a\nb\"]", false}, {"[\"a\rb\"]", false}, {"[\"abc", false}});
 }
 
 TEST(JSONCStrings, DecodedTextSurvivesTheOriginalDocument) {
@@ -396,47 +234,30 @@ TEST(JSONCStrings, DecodedTextSurvivesTheOriginalDocument) {
     EXPECT_EQ(copy->value({"b"})->string(), "plain");
 }
 
-TEST(JSONCMemberLookup, EmptyPathFindsNothing) {
-    auto document = JSONCDocument::parse(R"({"a": 1})");
-    EXPECT_FALSE(document->member({}));
-    EXPECT_FALSE(document->value({}));
-    EXPECT_FALSE(document->strings({}));
-}
-
-TEST(JSONCMemberLookup, LastDuplicateWins) {
-    auto document = JSONCDocument::parse(R"({"a": 1, "b": {"c": 2}, "a": 3})");
+TEST(JSONCMemberLookup, LastDuplicateWinsAndPathsDescendThroughObjectsOnly) {
+    auto document = JSONCDocument::parse(
+        R"({"a": 0, "l": [{"b": 1}], "m": {"s": {"n": "x"}}, "t": "s", "d": {"x": 1}, "d": {"y": 2}, "a": 3})");
     ASSERT_TRUE(document);
     auto found = document->member({"a"});
     ASSERT_TRUE(found);
-    EXPECT_EQ(found->index, 2u);
-    EXPECT_EQ(found->siblings.size(), 3u);
+    EXPECT_EQ(found->index, 6u);
+    EXPECT_EQ(found->siblings.size(), 7u);
     EXPECT_EQ(sourceOf(*document, *document->value({"a"})), "3");
-}
-
-TEST(JSONCMemberLookup, PathDescendsThroughObjectsOnly) {
-    auto document = JSONCDocument::parse(R"({"a": [{"b": 1}], "m": {"s": {"n": "x"}}, "t": "s"})");
-    ASSERT_TRUE(document);
-    EXPECT_FALSE(document->member({"a", "b"}));
-    EXPECT_FALSE(document->member({"t", "x"}));
-    EXPECT_FALSE(document->member({"m", "x"}));
-    auto found = document->member({"m", "s", "n"});
-    ASSERT_TRUE(found);
-    EXPECT_EQ(found->siblings.size(), 1u);
-    EXPECT_EQ(found->member().key(), "n");
+    EXPECT_EQ(document->member({"m", "s", "n"})->member().key(), "n");
+    EXPECT_TRUE(document->member({"d", "y"}));
+    for (JSONCDocument::Path path : std::vector<JSONCDocument::Path>{{}, {"l", "b"}, {"t", "x"}, {"m", "x"}, {"d", "x"}})
+        EXPECT_FALSE(document->member(path)) << testing::PrintToString(path);
+    EXPECT_FALSE(document->value({}));
     EXPECT_FALSE(JSONCDocument::parse("[1]")->member({"0"}));
 }
 
-TEST(JSONCMemberLookup, KeysCompareExactly) {
-    auto document = JSONCDocument::parse(R"({"Mcp": 1, "caf\u00e9": 2})");
-    EXPECT_FALSE(document->member({"mcp"}));
-    EXPECT_FALSE(document->member({"cafe\xCC\x81"}));  // the same word, decomposed
-    EXPECT_TRUE(document->member({"caf\xC3\xA9"}));
-}
-
-TEST(JSONCMemberLookup, DuplicateParentLeadsThroughTheLastOne) {
-    auto document = JSONCDocument::parse(R"({"m": {"x": 1}, "m": {"y": 2}})");
-    EXPECT_FALSE(document->member({"m", "x"}));
-    EXPECT_TRUE(document->member({"m", "y"}));
+TEST(JSONCMemberLookup, KeysDecodeLikeValuesAndCompareExactly) {
+    auto document = JSONCDocument::parse(R"({"\u006Dcp": {"caf\u00e9": 1, "\ud83d": 2}, "Mcp": 3})");
+    ASSERT_TRUE(document);
+    EXPECT_TRUE(document->member({"mcp", "caf\xC3\xA9"}));
+    EXPECT_TRUE(document->member({"mcp", fffd}));
+    EXPECT_FALSE(document->member({"mcp", "cafe\xCC\x81"}));  // the same word, decomposed
+    EXPECT_FALSE(document->member({"MCP"}));
 }
 
 TEST(JSONCStringList, ArrayOfStringsDecodes) {
@@ -444,9 +265,8 @@ TEST(JSONCStringList, ArrayOfStringsDecodes) {
     ASSERT_TRUE(document);
     EXPECT_EQ(document->strings({"c"}), (std::vector<std::string>{"/usr/bin/x", "a b"}));
     EXPECT_EQ(document->strings({"e"}), std::vector<std::string>{});
-    EXPECT_FALSE(document->strings({"m"}));
-    EXPECT_FALSE(document->strings({"s"}));
-    EXPECT_FALSE(document->strings({"absent"}));
+    for (const char* path : {"m", "s", "absent"}) EXPECT_FALSE(document->strings({path})) << path;
+    EXPECT_FALSE(document->strings({}));
 }
 
 }  // namespace

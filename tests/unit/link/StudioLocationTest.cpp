@@ -1,6 +1,5 @@
+// Where the served Studio is and which build it is.
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include "link/StudioLocation.h"
 #include "support/FakeBundles.h"
@@ -16,79 +15,56 @@ namespace {
 const std::string release(StudioLocation::releaseIdentifier);
 const std::string subject(StudioLocation::subjectIdentifier);
 
-// A bundle folder on disk with the bridge inside, its Info.plist faked.
-fs::path bridgeInside(const TempDir& dir, const std::string& bundle) {
-    auto tool = dir.write(bundle + "/Contents/MacOS/vantoric-studio-mcp", "#!");
-    return tool;
-}
+class LocatingStudio : public ::testing::Test {
+protected:
+    // A bundle folder on disk with the bridge inside; its Info.plist faked.
+    fs::path bridgeInside(const std::string& bundle, std::optional<std::string> identifier) {
+        if (identifier) bundles_.add(dir_ / bundle, *identifier);
+        return dir_.write(bundle + "/Contents/MacOS/vantoric-studio-mcp", "#!");
+    }
+    TempDir dir_;
+    FakeBundles bundles_;
+    FakeApplicationRegistry registry_;
+};
 
 }  // namespace
 
-TEST(LocatingStudio, VariableNamesTheBundleWithoutAnyCheck) {
-    FakeBundles bundles;
-    FakeApplicationRegistry registry;
+TEST_F(LocatingStudio, VariableNamesTheBundleWithoutAnyCheck) {
     platform::Environment environment{{"VANTORIC_STUDIO_APP", "/nowhere/Studio.app"}};
-    EXPECT_EQ(StudioLocation::locateApp(std::nullopt, environment, bundles, registry), fs::path("/nowhere/Studio.app"));
-    EXPECT_TRUE(bundles.opened.empty());
-    EXPECT_TRUE(registry.asked.empty());
-    EXPECT_EQ(StudioLocation::studioIdentifier(fs::path("/nowhere/Studio.app"), bundles), release);
+    EXPECT_EQ(StudioLocation::locateApp(std::nullopt, environment, bundles_, registry_), fs::path("/nowhere/Studio.app"));
+    EXPECT_TRUE(bundles_.opened.empty());
+    EXPECT_TRUE(registry_.asked.empty());
+    EXPECT_EQ(StudioLocation::appCandidate(std::nullopt, {{"VANTORIC_STUDIO_APP", "Some Studio.app"}}, bundles_),
+              fs::current_path() / "Some Studio.app");
 }
 
-TEST(LocatingStudio, RelativeVariableIsTakenFromTheCurrentFolder) {
-    FakeBundles bundles;
-    platform::Environment environment{{"VANTORIC_STUDIO_APP", "Some Studio.app"}};
-    EXPECT_EQ(StudioLocation::appCandidate(std::nullopt, environment, bundles), fs::current_path() / "Some Studio.app");
+TEST_F(LocatingStudio, EmptyVariableIsAsIfUnset) {
+    auto tool = bridgeInside("Studio.app", release);
+    EXPECT_EQ(StudioLocation::locateApp(tool, {{"VANTORIC_STUDIO_APP", ""}}, bundles_, registry_), dir_ / "Studio.app");
+    EXPECT_TRUE(registry_.asked.empty());
 }
 
-TEST(LocatingStudio, EmptyVariableIsAsIfUnset) {
-    TempDir dir;
-    FakeBundles bundles;
-    FakeApplicationRegistry registry;
-    auto tool = bridgeInside(dir, "Studio.app");
-    bundles.add(dir / "Studio.app", release);
-    platform::Environment environment{{"VANTORIC_STUDIO_APP", ""}};
-    EXPECT_EQ(StudioLocation::locateApp(tool, environment, bundles, registry), dir / "Studio.app");
-    EXPECT_TRUE(registry.asked.empty());
+TEST_F(LocatingStudio, BridgeReachedThroughASymbolicLinkFindsItsBundle) {
+    auto tool = bridgeInside("Studio Subject.app", subject);
+    fs::create_directories(dir_ / "bin");
+    fs::create_symlink(tool, dir_ / "bin/vantoric-studio-mcp");
+    auto found = StudioLocation::appCandidate(dir_ / "bin/vantoric-studio-mcp", {}, bundles_);
+    EXPECT_EQ(found, dir_ / "Studio Subject.app");
+    EXPECT_EQ(StudioLocation::studioIdentifier(found, bundles_), subject);
 }
 
-TEST(LocatingStudio, BridgeReachedThroughASymbolicLinkFindsItsBundle) {
-    TempDir dir;
-    FakeBundles bundles;
-    auto tool = bridgeInside(dir, "Studio Subject.app");
-    bundles.add(dir / "Studio Subject.app", subject);
-    fs::create_directories(dir / "bin");
-    fs::create_symlink(tool, dir / "bin/vantoric-studio-mcp");
-    auto found = StudioLocation::appCandidate(dir / "bin/vantoric-studio-mcp", {}, bundles);
-    EXPECT_EQ(found, dir / "Studio Subject.app");
-    EXPECT_EQ(StudioLocation::studioIdentifier(found, bundles), subject);
-}
-
-TEST(LocatingStudio, FolderMustEndInExactlyDotApp) {
-    TempDir dir;
-    FakeBundles bundles;
-    FakeApplicationRegistry registry;
-    registry.add(release, "/Applications/Vantoric Studio.app");
-    for (std::string name : {"Studio.APP", "Studio.application"}) {
-        auto tool = bridgeInside(dir, name);
-        bundles.add(dir / name, release);
-        EXPECT_FALSE(StudioLocation::appCandidate(tool, {}, bundles)) << name;
-        EXPECT_EQ(StudioLocation::locateApp(tool, {}, bundles, registry), fs::path("/Applications/Vantoric Studio.app"));
+TEST_F(LocatingStudio, OtherwiseTheRegistryIsAskedForTheReleaseBuild) {
+    registry_.add(release, "/Applications/Vantoric Studio.app");
+    std::vector<std::optional<fs::path>> tools = {
+        bridgeInside("Studio.APP", release), bridgeInside("Studio.application", release),
+        bridgeInside("Other.app", "com.example.other"), bridgeInside("Unreadable.app", std::nullopt), std::nullopt};
+    for (auto& tool : tools) {
+        SCOPED_TRACE(tool ? tool->string() : "no bridge path");
+        EXPECT_FALSE(StudioLocation::appCandidate(tool, {}, bundles_));
+        EXPECT_EQ(StudioLocation::locateApp(tool, {}, bundles_, registry_), fs::path("/Applications/Vantoric Studio.app"));
     }
-    EXPECT_EQ(registry.asked, (std::vector<std::string>{release, release}));
-}
-
-TEST(LocatingStudio, BundleOfAnotherApplicationIsNoCandidate) {
-    TempDir dir;
-    FakeBundles bundles;
-    FakeApplicationRegistry registry;
-    auto other = bridgeInside(dir, "Other.app");
-    bundles.add(dir / "Other.app", "com.example.other");
-    auto unreadable = bridgeInside(dir, "Unreadable.app");
-    EXPECT_FALSE(StudioLocation::locateApp(other, {}, bundles, registry));
-    EXPECT_FALSE(StudioLocation::locateApp(unreadable, {}, bundles, registry));
-    EXPECT_FALSE(StudioLocation::locateApp(std::nullopt, {}, bundles, registry));
-    // Only the release build is ever looked up in the registry.
-    EXPECT_EQ(registry.asked, (std::vector<std::string>{release, release, release}));
+    EXPECT_EQ(registry_.asked, std::vector<std::string>(tools.size(), release));
+    EXPECT_FALSE(StudioLocation::locateApp(std::nullopt, {}, bundles_, FakeApplicationRegistry()));
 }
 
 TEST(ServedBuild, OnlyASubjectBundleMakesTheSubjectBuild) {
@@ -98,10 +74,8 @@ TEST(ServedBuild, OnlyASubjectBundleMakesTheSubjectBuild) {
     bundles.add("/a/Other.app", "com.example.other");
     bundles.add("/a/NoIdentifier.app", std::nullopt);
     EXPECT_EQ(StudioLocation::studioIdentifier(fs::path("/a/Subject.app"), bundles), subject);
-    EXPECT_EQ(StudioLocation::studioIdentifier(fs::path("/a/Release.app"), bundles), release);
-    EXPECT_EQ(StudioLocation::studioIdentifier(fs::path("/a/Other.app"), bundles), release);
-    EXPECT_EQ(StudioLocation::studioIdentifier(fs::path("/a/NoIdentifier.app"), bundles), release);
-    EXPECT_EQ(StudioLocation::studioIdentifier(fs::path("/a/Missing.app"), bundles), release);
+    for (const char* app : {"/a/Release.app", "/a/Other.app", "/a/NoIdentifier.app", "/a/Missing.app"})
+        EXPECT_EQ(StudioLocation::studioIdentifier(fs::path(app), bundles), release) << app;
     EXPECT_EQ(StudioLocation::studioIdentifier(std::nullopt, bundles), release);
 }
 

@@ -62,26 +62,21 @@ protected:
 
 }  // namespace
 
-TEST_F(RealPeer, StudioFromTheServedBundleIsFoundByItsConnection) {
+TEST_F(RealPeer, OnlyStudioFromTheServedBundleIsFoundByItsConnection) {
     auto studio = testsupport::makeBundle(dir_.path(), "Vantoric Studio", identifier, "Vantoric Studio", "/bin/bash");
     auto connected = connectFrom(studio.executable, acceptor_);
     uint16_t remote = connected.socket.remote_endpoint().port();
-
     EXPECT_EQ(peer().studio(studio.app, remote, listening()), connected.child->pid());
     EXPECT_FALSE(peer().studio(studio.app, remote + 1, listening()));
     EXPECT_FALSE(peer().unusableCopy(studio.app));
-}
 
-TEST_F(RealPeer, SameProgramOutsideAnyBundleIsNotStudio) {
-    auto connected = connectFrom("/bin/bash", acceptor_);
-    auto studio = testsupport::makeBundle(dir_.path(), "Vantoric Studio", identifier, "Vantoric Studio", "/bin/bash");
-    EXPECT_FALSE(peer().studio(studio.app, connected.socket.remote_endpoint().port(), listening()));
+    auto outside = connectFrom("/bin/bash", acceptor_);
+    EXPECT_FALSE(peer().studio(studio.app, outside.socket.remote_endpoint().port(), listening()));
 }
 
 TEST_F(RealPeer, CopyFromAnotherFolderIsUnusable) {
     auto served = testsupport::makeBundle(dir_.path(), "Vantoric Studio", identifier, "Vantoric Studio", "/bin/bash");
-    auto other = testsupport::makeBundle(dir_.path() / "Old", "Vantoric Studio", identifier, "Vantoric Studio",
-                                         "/bin/bash");
+    auto other = testsupport::makeBundle(dir_.path() / "Old", "Vantoric Studio", identifier, "Vantoric Studio", "/bin/bash");
     auto connected = connectFrom(other.executable, acceptor_);
     EXPECT_FALSE(peer().studio(served.app, connected.socket.remote_endpoint().port(), listening()));
     EXPECT_EQ(peer().unusableCopy(served.app), other.app.string());

@@ -33,39 +33,28 @@ protected:
 using VerifiedStudio = PeerChecks;
 
 TEST_F(VerifiedStudio, ProcessOwningThePortPairFromItsSideAndSigned) {
-    running_.set(identifier, {{100, app_}, {200, app_}});
+    running_.set(identifier, {{100, app_}, {200, app_}, {300, app_}});
     sockets_.set(100, {{50001, 40000}});
     sockets_.set(200, {{7, 8}, {50002, 40000}});
+    sockets_.set(300, {{40000, 50003}});  // the bridge's own view of the pair is not Studio's
+    sockets_.set(400, {{50004, 40000}});  // not a running Studio
     signing_.sign(100);
     signing_.sign(200);
+    signing_.sign(300);
+    signing_.sign(400);
     EXPECT_EQ(peer().studio(app_, 50002, 40000), 200);
     EXPECT_EQ(peer().studio(app_, 50001, 40000), 100);
-    // The bridge's own view of the pair is not Studio's.
-    sockets_.set(300, {{40000, 50003}});
-    running_.set(identifier, {{300, app_}});
-    signing_.sign(300);
     EXPECT_FALSE(peer().studio(app_, 50003, 40000));
-}
-
-TEST_F(VerifiedStudio, OwnerThatFailsTheSignatureIsRefused) {
-    running_.set(identifier, {{100, app_}});
-    sockets_.set(100, {{50001, 40000}});
-    EXPECT_FALSE(peer().studio(app_, 50001, 40000));
-}
-
-TEST_F(VerifiedStudio, ProcessThatIsNotARunningStudioIsRefused) {
-    sockets_.set(100, {{50001, 40000}});
-    signing_.sign(100);
-    EXPECT_FALSE(peer().studio(app_, 50001, 40000));
-    running_.set("com.example.other", {{100, app_}});
-    EXPECT_FALSE(peer().studio(app_, 50001, 40000));
+    EXPECT_FALSE(peer().studio(app_, 50004, 40000));
     EXPECT_EQ(running_.asked().back(), identifier);
 }
 
-TEST_F(VerifiedStudio, UnreadableDescriptorsFailTheCheck) {
-    running_.set(identifier, {{100, app_}});
-    signing_.sign(100);
+TEST_F(VerifiedStudio, UnsignedOwnerOrUnreadableSocketsAreRefused) {
+    running_.set(identifier, {{100, app_}, {200, app_}});
+    sockets_.set(100, {{50001, 40000}});
+    signing_.sign(200);  // 200's sockets cannot be read
     EXPECT_FALSE(peer().studio(app_, 50001, 40000));
+    EXPECT_FALSE(peer().studio(app_, 50002, 40000));
 }
 
 using Eligibility = PeerChecks;
@@ -87,64 +76,48 @@ TEST_F(Eligibility, WithTeamEveryCopyInPlatformOrder) {
     EXPECT_EQ(peer().eligible(app_), (std::vector<pid_t>{9, 3, 5}));
 }
 
-using SigningRequirement = PeerChecks;
-
-TEST_F(SigningRequirement, IdentifierAloneWithoutTeam) {
-    EXPECT_EQ(peer().requirement(), "identifier \"com.lumenfold.vantoric.studio\"");
+TEST_F(PeerChecks, RequirementNamesTheIdentifierAndTheTeamReadOnce) {
+    auto checks = peer();
+    EXPECT_EQ(checks.requirement(), "identifier \"com.lumenfold.vantoric.studio\"");
     signing_.sign(7);
-    EXPECT_TRUE(peer().signedAsStudio(7));
+    EXPECT_TRUE(checks.signedAsStudio(7));
     EXPECT_EQ(signing_.checked().back().second, "identifier \"com.lumenfold.vantoric.studio\"");
-}
 
-TEST_F(SigningRequirement, TeamClauseWhenTheBridgeHasATeam) {
     signing_.setTeam("AB12CD34EF");
     EXPECT_EQ(peer().requirement(),
               "identifier \"com.lumenfold.vantoric.studio\" and anchor apple generic and certificate "
               "leaf[subject.OU] = \"AB12CD34EF\"");
-}
-
-TEST_F(SigningRequirement, OwnTeamIsReadOnce) {
-    auto checks = peer();
+    auto teamed = peer();
+    int reads = signing_.teamReads();
     signing_.setTeam("T1");
-    EXPECT_EQ(checks.ownTeam(), "T1");
+    EXPECT_EQ(teamed.ownTeam(), "T1") << "read when first needed";
     signing_.setTeam("T2");
-    EXPECT_EQ(checks.ownTeam(), "T1");
-    checks.requirement();
-    checks.eligible(app_);
-    EXPECT_EQ(signing_.teamReads(), 1);
+    EXPECT_EQ(teamed.ownTeam(), "T1");
+    teamed.requirement();
+    teamed.eligible(app_);
+    EXPECT_EQ(signing_.teamReads(), reads + 1);
 }
 
-using UnusableCopy = PeerChecks;
-
-TEST_F(UnusableCopy, NothingRunningIsNotAnUnusableCopy) { EXPECT_FALSE(peer().unusableCopy(app_)); }
-
-TEST_F(UnusableCopy, UsableCopyRunningIsNotEither) {
-    running_.set(identifier, {{1, elsewhere_}, {2, app_}});
+TEST_F(PeerChecks, UnusableCopyIsNamedByItsLocation) {
+    struct Case {
+        std::vector<RunningApplication> running;
+        std::optional<std::string> unusable;
+    };
     signing_.sign(2);
-    EXPECT_FALSE(peer().unusableCopy(app_));
-}
-
-TEST_F(UnusableCopy, CopyFromAnotherFolderIsNamedByItsPath) {
-    running_.set(identifier, {{1, elsewhere_}, {2, app_}});
-    EXPECT_EQ(peer().unusableCopy(app_), elsewhere_.string());
-}
-
-TEST_F(UnusableCopy, CopyWithoutBundleLocationIsAnotherLocation) {
-    running_.set(identifier, {{1, std::nullopt}});
-    EXPECT_EQ(peer().unusableCopy(app_), "another location");
-}
-
-TEST_F(UnusableCopy, CopyFromTheServedBundleThatFailsTheSignature) {
-    running_.set(identifier, {{4, app_}});
-    EXPECT_EQ(peer().unusableCopy(app_), app_.string());
+    for (const auto& c : std::vector<Case>{
+             {{}, std::nullopt},
+             {{{1, elsewhere_}, {2, app_}}, std::nullopt},  // a usable copy runs too
+             {{{1, elsewhere_}, {3, app_}}, elsewhere_.string()},
+             {{{1, std::nullopt}}, "another location"},
+             {{{4, app_}}, app_.string()},  // from the served bundle but not signed as Studio
+         }) {
+        running_.set(identifier, c.running);
+        EXPECT_EQ(peer().unusableCopy(app_), c.unusable) << c.running.size();
+    }
 }
 
 TEST(Challenge, Sha256OfTheNonceInLowercaseHex) {
-    EXPECT_EQ(StudioPeer::challenge(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-    auto value = StudioPeer::challenge("00112233445566778899aabbccddeeff00112233445566778899aabbccddeeff");
-    EXPECT_EQ(value.size(), 64u);
-    EXPECT_EQ(value.find_first_not_of("0123456789abcdef"), std::string::npos);
-    EXPECT_NE(value, StudioPeer::challenge("00112233445566778899aabbccddeeff00112233445566778899aabbccddeefe"));
+    EXPECT_EQ(StudioPeer::challenge("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
 TEST(LoopbackURL, McpEndpointAcceptedOnlyExactly) {

@@ -12,29 +12,12 @@ using testsupport::TempDir;
 namespace {
 
 std::string xmlInfoPlist(const std::string& body) {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-           "<plist version=\"1.0\">" +
-           body + "</plist>\n";
-}
-
-std::string binaryInfoPlist(const char* identifier, const char* version) {
-    plist_t dict = plist_new_dict();
-    plist_dict_set_item(dict, "CFBundleIdentifier", plist_new_string(identifier));
-    plist_dict_set_item(dict, "CFBundleShortVersionString", plist_new_string(version));
-    char* bytes = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(dict, &bytes, &length);
-    std::string out(bytes, length);
-    free(bytes);
-    plist_free(dict);
-    return out;
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" + body + "</plist>\n";
 }
 
 }  // namespace
 
-TEST(BundleReading, ReadsIdentifierVersionAndExecutableFromXml) {
+TEST(BundleReading, ReadsIdentifierVersionAndExecutableFromXmlOrBinary) {
     TempDir dir;
     dir.write("Studio.app/Contents/Info.plist",
               xmlInfoPlist("<dict><key>CFBundleIdentifier</key><string>com.example.one</string>"
@@ -47,16 +30,20 @@ TEST(BundleReading, ReadsIdentifierVersionAndExecutableFromXml) {
     EXPECT_EQ(info->shortVersion, "4.5.6");
     EXPECT_EQ(info->executablePath(), dir / "Studio.app/Contents/MacOS/Studio Bin");
     EXPECT_EQ(info->resources(), dir / "Studio.app/Contents/Resources");
-}
 
-TEST(BundleReading, ReadsBinaryPropertyLists) {
-    TempDir dir;
-    dir.write("B.app/Contents/Info.plist", binaryInfoPlist("com.example.binary", "1.0"));
-    auto info = LinuxBundles().open(dir / "B.app");
-    ASSERT_TRUE(info);
-    EXPECT_EQ(info->identifier, "com.example.binary");
-    EXPECT_EQ(info->shortVersion, "1.0");
-    EXPECT_FALSE(info->executablePath());
+    plist_t dict = plist_new_dict();
+    plist_dict_set_item(dict, "CFBundleIdentifier", plist_new_string("com.example.binary"));
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(dict, &bytes, &length);
+    dir.write("B.app/Contents/Info.plist", std::string(bytes, length));
+    free(bytes);
+    plist_free(dict);
+    auto binary = LinuxBundles().open(dir / "B.app");
+    ASSERT_TRUE(binary);
+    EXPECT_EQ(binary->identifier, "com.example.binary");
+    EXPECT_FALSE(binary->shortVersion);
+    EXPECT_FALSE(binary->executablePath());
 }
 
 TEST(BundleReading, ValuesOfAnotherTypeCountAsMissing) {
@@ -76,10 +63,6 @@ TEST(BundleReading, FolderWithoutAReadableDictionaryIsNoBundle) {
     dir.write("Array.app/Contents/Info.plist", xmlInfoPlist("<array><string>x</string></array>"));
     dir.write("Junk.app/Contents/Info.plist", "this is not a property list");
     dir.write("File.app", "a file, not a folder");
-    LinuxBundles bundles;
-    EXPECT_FALSE(bundles.open(dir / "Missing.app"));
-    EXPECT_FALSE(bundles.open(dir / "Empty.app"));
-    EXPECT_FALSE(bundles.open(dir / "Array.app"));
-    EXPECT_FALSE(bundles.open(dir / "Junk.app"));
-    EXPECT_FALSE(bundles.open(dir / "File.app"));
+    for (const char* name : {"Missing.app", "Empty.app", "Array.app", "Junk.app", "File.app"})
+        EXPECT_FALSE(LinuxBundles().open(dir / name)) << name;
 }

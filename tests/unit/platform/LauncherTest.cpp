@@ -48,26 +48,14 @@ TEST(DetachedLaunch, ApplicationRunsInItsOwnSessionWithNothingOfOurs) {
     ASSERT_FALSE(failure) << failure->description;
 
     std::string text = waitForFile(report);
-    std::istringstream lines(text);
-    std::string ids, cwd, in, out, fd, marker;
-    std::getline(lines, ids);
-    std::getline(lines, cwd);
-    std::getline(lines, in);
-    std::getline(lines, out);
-    std::getline(lines, fd);
-    std::getline(lines, marker);
     int sid = 0, pid = 0;
-    ASSERT_EQ(sscanf(ids.c_str(), "sid=%d pid=%d", &sid, &pid), 2) << text;
+    ASSERT_EQ(sscanf(text.c_str(), "sid=%d pid=%d", &sid, &pid), 2) << text;
     // A session of its own, left by its leader at once so that the
     // application can never take a controlling terminal.
     EXPECT_NE(sid, getsid(0));
     EXPECT_NE(sid, pid);
     EXPECT_EQ(getpgid(sid), -1);
-    EXPECT_EQ(cwd, "/");
-    EXPECT_EQ(in, "/dev/null");
-    EXPECT_EQ(out, "/dev/null");
-    EXPECT_EQ(fd, "clean");
-    EXPECT_EQ(marker, "marker=from-the-bridge");
+    EXPECT_EQ(text.substr(text.find('\n') + 1), "/\n/dev/null\n/dev/null\nclean\nmarker=from-the-bridge\n");
 }
 
 TEST(DetachedLaunch, ExecFailuresComeBackAsTheError) {

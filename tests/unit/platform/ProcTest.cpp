@@ -18,6 +18,7 @@
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+namespace asio = boost::asio;
 using testsupport::ChildProcess;
 
 namespace {
@@ -29,22 +30,21 @@ std::unique_ptr<ChildProcess> runSleeping(const fs::path& executable) {
     // Until the exec has happened /proc/PID/exe still names the test binary.
     for (int i = 0; i < 500; ++i) {
         std::error_code ec;
-        if (fs::read_symlink("/proc/" + std::to_string(child->pid()) + "/exe", ec).filename() ==
-            executable.filename())
-            break;
+        if (fs::read_symlink("/proc/" + std::to_string(child->pid()) + "/exe", ec).filename() == executable.filename()) break;
         std::this_thread::sleep_for(5ms);
     }
     return child;
 }
 
-bool listed(const std::vector<platform::RunningApplication>& apps, pid_t pid) {
-    for (auto& app : apps)
-        if (app.processIdentifier == pid) return true;
-    return false;
-}
-
 class ProcessesOfABundle : public ::testing::Test {
 protected:
+    std::optional<fs::path> listedAt(pid_t pid) {
+        for (auto& app : running_.withBundleIdentifier(identifier))
+            if (app.processIdentifier == pid) return app.bundleURL.value_or("(none)");
+        return std::nullopt;
+    }
+    bool signedAsStudio(pid_t pid) { return signing_.satisfies(pid, requirement_); }
+
     testsupport::TempDir dir_;
     platform::LinuxRunningApplications running_{platform::systemBundles()};
     platform::LinuxCodeSigning signing_{platform::systemBundles()};
@@ -56,96 +56,63 @@ protected:
 TEST_F(ProcessesOfABundle, MainExecutableIsARunningApplicationThatPassesTheSigningRule) {
     auto bundle = testsupport::makeBundle(dir_.path(), "Studio", identifier, "Studio", "/bin/sleep");
     auto child = runSleeping(bundle.executable);
-
-    auto apps = running_.withBundleIdentifier(identifier);
-    ASSERT_TRUE(listed(apps, child->pid()));
-    for (auto& app : apps) {
-        if (app.processIdentifier == child->pid()) {
-            EXPECT_EQ(app.bundleURL, bundle.app);
-        }
-    }
-    EXPECT_FALSE(listed(running_.withBundleIdentifier("com.example.other"), child->pid()));
-
-    EXPECT_TRUE(signing_.satisfies(child->pid(), requirement_));
+    EXPECT_EQ(listedAt(child->pid()), bundle.app);
+    for (auto& app : running_.withBundleIdentifier("com.example.other")) EXPECT_NE(app.processIdentifier, child->pid());
+    EXPECT_TRUE(signedAsStudio(child->pid()));
     EXPECT_FALSE(signing_.satisfies(child->pid(), "identifier \"com.example.other\""));
     EXPECT_FALSE(signing_.satisfies(
         child->pid(), requirement_ + " and anchor apple generic and certificate leaf[subject.OU] = \"TEAM\""));
     EXPECT_FALSE(signing_.ownTeam());
 }
 
-TEST_F(ProcessesOfABundle, HelperBesideTheMainExecutableIsNeither) {
+TEST_F(ProcessesOfABundle, HelpersReplacedExecutablesAndLooseFoldersDoNotPass) {
     auto bundle = testsupport::makeBundle(dir_.path(), "Studio", identifier, "Studio", "/bin/sleep");
     fs::copy_file("/bin/sleep", bundle.app / "Contents/MacOS/helper");
     auto helper = runSleeping(bundle.app / "Contents/MacOS/helper");
+    EXPECT_FALSE(listedAt(helper->pid()));
+    EXPECT_FALSE(signedAsStudio(helper->pid()));
 
-    EXPECT_FALSE(listed(running_.withBundleIdentifier(identifier), helper->pid()));
-    EXPECT_FALSE(signing_.satisfies(helper->pid(), requirement_));
-}
-
-TEST_F(ProcessesOfABundle, ReplacedExecutableStillRunsFromTheBundleButFailsTheSigningRule) {
-    auto bundle = testsupport::makeBundle(dir_.path(), "Studio", identifier, "Studio", "/bin/sleep");
-    auto child = runSleeping(bundle.executable);
+    // Replaced on disk while it runs: still from the bundle, no longer signed as it.
+    auto replaced = runSleeping(bundle.executable);
     fs::remove(bundle.executable);
     fs::copy_file("/bin/sleep", bundle.executable);
+    EXPECT_TRUE(listedAt(replaced->pid()));
+    EXPECT_FALSE(signedAsStudio(replaced->pid()));
 
-    EXPECT_TRUE(listed(running_.withBundleIdentifier(identifier), child->pid()));
-    EXPECT_FALSE(signing_.satisfies(child->pid(), requirement_));
-}
-
-TEST_F(ProcessesOfABundle, FolderThatIsNotABundleHoldsNoApplication) {
     fs::create_directories(dir_.path() / "Loose.app/Contents/MacOS");
     fs::copy_file("/bin/sleep", dir_.path() / "Loose.app/Contents/MacOS/Studio");
-    auto child = runSleeping(dir_.path() / "Loose.app/Contents/MacOS/Studio");
-    EXPECT_FALSE(listed(running_.withBundleIdentifier(identifier), child->pid()));
-    EXPECT_FALSE(signing_.satisfies(child->pid(), requirement_));
-    EXPECT_FALSE(signing_.satisfies(getpid(), requirement_));
-    EXPECT_FALSE(signing_.satisfies(999999999, requirement_));
+    auto loose = runSleeping(dir_.path() / "Loose.app/Contents/MacOS/Studio");
+    EXPECT_FALSE(listedAt(loose->pid()));
+    for (pid_t pid : {loose->pid(), getpid(), 999999999}) EXPECT_FALSE(signedAsStudio(pid)) << pid;
 }
 
-TEST(ProcessTcpSockets, BothEndsOfALoopbackConnectionWithTheirPorts) {
-    namespace asio = boost::asio;
+TEST(ProcessTcpSockets, BothEndsOfLoopbackConnectionsWithTheirPorts) {
     asio::io_context io;
-    asio::ip::tcp::acceptor acceptor(io, {asio::ip::make_address("127.0.0.1"), 0});
-    asio::ip::tcp::socket client(io);
-    client.connect(acceptor.local_endpoint());
-    auto server = acceptor.accept();
-    uint16_t listening = acceptor.local_endpoint().port();
-    uint16_t ephemeral = client.local_endpoint().port();
-
-    platform::LinuxProcessSockets sockets;
-    auto found = sockets.tcpSockets(getpid());
-    ASSERT_TRUE(found);
-    auto has = [&](uint16_t local, uint16_t remote) {
-        for (auto& s : *found)
+    auto found = [](uint16_t local, uint16_t remote) {
+        auto sockets = platform::LinuxProcessSockets().tcpSockets(getpid());
+        for (auto& s : sockets.value_or(std::vector<platform::TcpSocket>{}))
             if (s.localPort == local && s.remotePort == remote) return true;
         return false;
     };
-    EXPECT_TRUE(has(ephemeral, listening));
-    EXPECT_TRUE(has(listening, ephemeral));
-    EXPECT_TRUE(has(listening, 0));  // the listening socket itself
-}
-
-TEST(ProcessTcpSockets, IPv6SocketsAreReadToo) {
-    namespace asio = boost::asio;
-    asio::io_context io;
-    boost::system::error_code ec;
-    asio::ip::tcp::acceptor acceptor(io);
-    acceptor.open(asio::ip::tcp::v6(), ec);
-    if (!ec) acceptor.bind({asio::ip::make_address("::1"), 0}, ec);
-    if (ec) GTEST_SKIP() << "no IPv6 loopback here";
-    acceptor.listen();
-    asio::ip::tcp::socket client(io);
-    client.connect(acceptor.local_endpoint());
-    auto server = acceptor.accept();
-
-    auto found = platform::LinuxProcessSockets().tcpSockets(getpid());
-    ASSERT_TRUE(found);
-    bool seen = false;
-    for (auto& s : *found)
-        seen |= s.localPort == client.local_endpoint().port() && s.remotePort == acceptor.local_endpoint().port();
-    EXPECT_TRUE(seen);
-}
-
-TEST(ProcessTcpSockets, ProcessThatDoesNotExistIsUnreadable) {
+    for (const char* address : {"127.0.0.1", "::1"}) {
+        SCOPED_TRACE(address);
+        boost::system::error_code ec;
+        asio::ip::tcp::acceptor acceptor(io);
+        auto endpoint = asio::ip::tcp::endpoint(asio::ip::make_address(address), 0);
+        acceptor.open(endpoint.protocol(), ec);
+        if (!ec) acceptor.bind(endpoint, ec);
+        if (ec) {
+            EXPECT_STREQ(address, "::1") << ec.message();
+            continue;  // no IPv6 loopback here
+        }
+        acceptor.listen();
+        asio::ip::tcp::socket client(io);
+        client.connect(acceptor.local_endpoint());
+        auto server = acceptor.accept();
+        uint16_t listening = acceptor.local_endpoint().port(), ephemeral = client.local_endpoint().port();
+        EXPECT_TRUE(found(ephemeral, listening));
+        EXPECT_TRUE(found(listening, ephemeral));
+        EXPECT_TRUE(found(listening, 0)) << "the listening socket itself";
+    }
     EXPECT_FALSE(platform::LinuxProcessSockets().tcpSockets(999999999));
 }

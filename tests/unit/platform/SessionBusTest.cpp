@@ -107,19 +107,27 @@ private:
     std::condition_variable changed_;
 };
 
-class SessionBusEnvironment : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const char* old = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-        if (old) saved_ = old;
-        setenv("DBUS_SESSION_BUS_ADDRESS", bus_.address().c_str(), 1);
+// Points this process's session bus address elsewhere for a while.
+class BusAddress {
+public:
+    explicit BusAddress(const std::string& address) {
+        if (const char* old = std::getenv("DBUS_SESSION_BUS_ADDRESS")) saved_ = old;
+        set(address);
     }
-    void TearDown() override {
-        if (saved_) setenv("DBUS_SESSION_BUS_ADDRESS", saved_->c_str(), 1);
+    ~BusAddress() {
+        if (saved_) set(*saved_);
         else unsetenv("DBUS_SESSION_BUS_ADDRESS");
     }
-    testsupport::PrivateBus bus_;
+    void set(const std::string& address) { setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1); }
+
+private:
     std::optional<std::string> saved_;
+};
+
+class SessionBusEnvironment : public ::testing::Test {
+protected:
+    testsupport::PrivateBus bus_;
+    BusAddress address_{bus_.address()};
 };
 
 }  // namespace
@@ -143,28 +151,20 @@ TEST_F(NotificationSignal, OtherConnectionsHearNameAndObject) {
 TEST(UnreachableSessionBus, PostingIsAnErrorNamingTheAddress) {
     testsupport::TempDir dir;
     std::string address = "unix:path=" + (dir.path() / "no-bus-here").string();
-    const char* old = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    BusAddress unreachable(address);
     platform::LinuxSessionBus sessionBus;
-    platform::LinuxNotificationCenter center(sessionBus);
-    auto failure = center.post("com.example.agent-link", "x");
-    auto owner = sessionBus.hasOwner("com.example");
-    if (saved) setenv("DBUS_SESSION_BUS_ADDRESS", saved->c_str(), 1);
-    else unsetenv("DBUS_SESSION_BUS_ADDRESS");
-
+    auto failure = platform::LinuxNotificationCenter(sessionBus).post("com.example.agent-link", "x");
     ASSERT_TRUE(failure);
     EXPECT_NE(failure->description.find(address), std::string::npos) << failure->description;
     EXPECT_NE(failure->code, 0);
+    auto owner = sessionBus.hasOwner("com.example");
     EXPECT_FALSE(owner.owned);
     EXPECT_TRUE(owner.error);
 }
 
 TEST(NotificationReconnection, ConnectionReopensAfterTheBusWentAway) {
-    const char* old = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
     auto first = std::make_unique<testsupport::PrivateBus>();
-    setenv("DBUS_SESSION_BUS_ADDRESS", first->address().c_str(), 1);
+    BusAddress address(first->address());
     platform::LinuxSessionBus sessionBus;
     platform::LinuxNotificationCenter center(sessionBus);
     EXPECT_FALSE(center.post("n", "before"));
@@ -172,7 +172,7 @@ TEST(NotificationReconnection, ConnectionReopensAfterTheBusWentAway) {
     // A new daemon at a new address stands in for a restarted session.
     first.reset();
     testsupport::PrivateBus second;
-    setenv("DBUS_SESSION_BUS_ADDRESS", second.address().c_str(), 1);
+    address.set(second.address());
     BusPeer peer(second.address());
     peer.run();
     // The first post after the loss may only find out that the old
@@ -182,8 +182,6 @@ TEST(NotificationReconnection, ConnectionReopensAfterTheBusWentAway) {
         center.post("n", "after");
         heard = peer.waitFor(1, 300ms);
     }
-    if (saved) setenv("DBUS_SESSION_BUS_ADDRESS", saved->c_str(), 1);
-    else unsetenv("DBUS_SESSION_BUS_ADDRESS");
     EXPECT_TRUE(heard);
 }
 
