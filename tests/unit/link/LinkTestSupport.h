@@ -68,7 +68,7 @@ private:
 
 // The message of whatever the future throws ("" when it does not).
 template <class T>
-std::string failureOf(std::future<T>& future) {
+std::string failureOf(std::future<T>&& future) {
     try {
         future.get();
     } catch (const std::exception& e) {
@@ -76,6 +76,8 @@ std::string failureOf(std::future<T>& future) {
     }
     return "";
 }
+template <class T>
+std::string failureOf(std::future<T>& future) { return failureOf(std::move(future)); }
 
 // A blocking loopback TCP client with deadlines, as Studio's side.
 class Client {
