@@ -1,20 +1,29 @@
 // Plays an agent: starts the bridge as a stdio MCP server, sends a few
 // requests one after another and prints each request and its reply.
-// Arguments: the bridge binary and the Studio bundle it is to serve.
+// Arguments: the bridge binary, the Studio bundle it is to serve, and the
+// agent's working folder (the bridge's working directory).
 import { spawn } from 'node:child_process';
+import fs from 'node:fs';
+import path from 'node:path';
 import readline from 'node:readline';
 
-const [bridgePath, app] = process.argv.slice(2);
+const [bridgePath, app, workFolder] = process.argv.slice(2);
 const color = process.stdout.isTTY;
 const paint = (code, text) => (color ? `\x1b[${code}m${text}\x1b[0m` : text);
 
 const bridge = spawn(bridgePath, [], {
+  cwd: workFolder,
   env: { ...process.env, VANTORIC_STUDIO_APP: app },
   stdio: ['pipe', 'pipe', 'inherit'],
 });
 const waiting = new Map();
 readline.createInterface({ input: bridge.stdout }).on('line', (line) => {
   const reply = JSON.parse(line);
+  if (reply.method === 'notifications/progress') {
+    const { progress, total, message } = reply.params;
+    console.log(paint('2', `bridge -> agent (progress) ${message}: ${progress} of ${total}`));
+    return;
+  }
   const resolve = waiting.get(JSON.stringify(reply.id));
   if (resolve) {
     waiting.delete(JSON.stringify(reply.id));
@@ -93,6 +102,36 @@ await ask('The next call goes over the same link', 'tools/call', {
   name: 'timeline',
   arguments: { action: 'list' },
 });
+
+await ask('Studio needs a project to work in', 'tools/call', {
+  name: 'project',
+  arguments: { action: 'create', name: 'Demo Trip' },
+});
+
+// A clip on the agent's side of the machine, as a camera would leave it.
+fs.mkdirSync(path.join(workFolder, 'footage'), { recursive: true });
+fs.writeFileSync(path.join(workFolder, 'footage', 'beach.mov'), Buffer.alloc(3 << 20, 7));
+await ask(
+  'Import a clip by its path: the bridge uploads the file and hands Studio an upload id instead',
+  'tools/call',
+  { name: 'import_media', arguments: { paths: ['footage/beach.mov'] }, _meta: { progressToken: 'import' } },
+);
+
+const exported = await ask(
+  'Export to a path in the working directory: the bridge waits for the render and copies the video there',
+  'tools/call',
+  { name: 'export_video', arguments: { action: 'start', path: 'renders/demo.mp4' }, _meta: { progressToken: 'export' } },
+);
+const savedTo = JSON.parse(exported.result.content[0].text).file?.savedTo;
+if (!savedTo) {
+  console.log(paint('31', 'the export was not saved'));
+  process.exit(1);
+}
+const saved = fs.statSync(savedTo);
+console.log(
+  '\n' + paint('1', `== Saved: ${savedTo}`) +
+    `\n${saved.size} bytes, permissions ${(saved.mode & 0o777).toString(8)}, in the agent's working folder ${workFolder}`,
+);
 
 bridge.stdin.end();
 const code = await new Promise((resolve) => bridge.on('exit', resolve));

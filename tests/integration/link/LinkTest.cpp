@@ -12,9 +12,9 @@
 #include <future>
 #include <thread>
 
-#include "LinkSession.h"
+#include "support/LinkSession.h"
 
-using namespace linkintegration;
+using namespace testsupport;
 using Settings = LinkSession::Settings;
 namespace fs = std::filesystem;
 

@@ -17,7 +17,7 @@
 #include "support/PrivateBus.h"
 #include "support/TempDir.h"
 
-namespace linkintegration {
+namespace testsupport {
 
 using json = nlohmann::ordered_json;
 using namespace std::chrono_literals;
@@ -53,6 +53,9 @@ public:
     std::optional<json> reply(const json& id, std::chrono::milliseconds timeout = 20s);
     // A tools/call, answered: the tool result object.
     json call(int id, const std::string& tool, const json& arguments = json::object());
+    // Notifications from the bridge read so far (while waiting for
+    // replies), in order; they are handed out once.
+    std::vector<json> takeNotifications();
     // The text of a tool result's first content item.
     static std::string text(const json& result);
 
@@ -65,4 +68,4 @@ private:
     std::vector<json> pending_;
 };
 
-}  // namespace linkintegration
+}  // namespace testsupport

@@ -1,4 +1,4 @@
-#include "LinkSession.h"
+#include "support/LinkSession.h"
 
 #include <signal.h>
 
@@ -8,7 +8,7 @@
 
 namespace fs = std::filesystem;
 
-namespace linkintegration {
+namespace testsupport {
 
 fs::path bundle() { return fs::path(VSM_BUNDLES_DIR) / "Vantoric Studio.app"; }
 
@@ -111,7 +111,7 @@ void LinkSession::send(const json& message) { bridge_->write(message.dump() + "\
 
 std::optional<json> LinkSession::reply(const json& id, std::chrono::milliseconds timeout) {
     for (auto it = pending_.begin(); it != pending_.end(); ++it) {
-        if ((*it)["id"] == id) {
+        if (it->contains("id") && (*it)["id"] == id) {
             json found = *it;
             pending_.erase(it);
             return found;
@@ -124,7 +124,7 @@ std::optional<json> LinkSession::reply(const json& id, std::chrono::milliseconds
         auto line = bridge_->readLine(left);
         if (!line) return std::nullopt;
         auto message = json::parse(*line);
-        if (message["id"] == id) return message;
+        if (message.contains("id") && message["id"] == id) return message;
         pending_.push_back(message);
     }
 }
@@ -137,9 +137,22 @@ json LinkSession::call(int id, const std::string& tool, const json& arguments) {
     return (*answer)["result"];
 }
 
+std::vector<json> LinkSession::takeNotifications() {
+    std::vector<json> taken;
+    for (auto it = pending_.begin(); it != pending_.end();) {
+        if (!it->contains("id")) {
+            taken.push_back(std::move(*it));
+            it = pending_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return taken;
+}
+
 std::string LinkSession::text(const json& result) {
     if (!result.contains("content") || result["content"].empty()) return "";
     return result["content"][0].value("text", "");
 }
 
-}  // namespace linkintegration
+}  // namespace testsupport

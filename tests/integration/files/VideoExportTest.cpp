@@ -1,0 +1,111 @@
+// Exports end to end: Studio renders, the bridge waits and copies the video
+// to the agent's path, or says where it will be saved.
+#include "FileSession.h"
+
+using namespace filestest;
+using Settings = LinkSession::Settings;
+
+namespace {
+
+// A session whose start calls give up waiting after 300 ms, with exports that
+// stay queued for the first quarter of `seconds` and status calls that wait
+// at most 100 ms for a change.
+Settings slowExports(const std::string& seconds) {
+    return {{"STUDIO_SIM_EXPORT_SECONDS", seconds}, {"STUDIO_SIM_MAX_WAIT", "0.1"}, {"VSM_TEST_EXPORT_WAIT_MS", "300"}};
+}
+
+// Status calls until the export is no longer queued or rendering; the last
+// tool result.
+json statusUntilSettled(FileSession& session, int firstId) {
+    json result;
+    for (int id = firstId; id < firstId + 200; ++id) {
+        result = session.call(id, "export_video", {{"action", "status"}, {"wait_seconds", 40}});
+        if (FileSession::isError(result)) return result;
+        std::string phase = FileSession::payload(result).value("phase", "");
+        if (phase != "queued" && phase != "rendering") return result;
+    }
+    return result;
+}
+
+}  // namespace
+
+using ExportingVideo = FileTools;
+
+TEST_F(ExportingVideo, CompletedWithinTheWaitIsSavedAtTheAgentsPath) {
+    FileSession session({{"STUDIO_SIM_EXPORT_SECONDS", "0.3"}, {"STUDIO_SIM_EXPORT_BYTES", "3145728"}});
+    session.start();
+    session.write(session.work() / "taken.mp4", "keep me");
+    EXPECT_EQ(LinkSession::text(session.call(1, "export_video", {{"path", "out.mov"}})), "path must end in .mp4.");
+    EXPECT_EQ(LinkSession::text(session.call(2, "export_video", {{"path", "taken.mp4"}})),
+              (session.work() / "taken.mp4").string() +
+                  " already exists. Pass overwrite:true to replace it, or choose another path.");
+    EXPECT_TRUE(session.forwarded("export_video").empty());
+
+    auto result = session.call(3, "export_video", {{"action", "start"}, {"path", "renders/Trip.MP4"}});
+    ASSERT_FALSE(FileSession::isError(result)) << result.dump();
+    auto status = FileSession::payload(result);
+    fs::path saved = session.work() / "renders/Trip.MP4";
+    EXPECT_EQ(status["phase"], "completed");
+    EXPECT_EQ(status["file"]["savedTo"], saved.string());
+    EXPECT_FALSE(status["file"].contains("downloadId"));
+    EXPECT_EQ(fs::file_size(saved), 3145728u);
+    EXPECT_EQ(modeOf(saved), 0644u);
+    EXPECT_EQ(testsupport::readFile(session.work() / "taken.mp4"), "keep me");
+    // Nothing but the video in its folder: the temporary file went with the rename.
+    EXPECT_EQ(std::distance(fs::directory_iterator(saved.parent_path()), fs::directory_iterator()), 1);
+}
+
+TEST_F(ExportingVideo, StillRunningAfterTheWaitGetsTheNoteAndALaterStatusSaves) {
+    FileSession session(slowExports("3"));
+    session.start();
+    auto result = session.call(1, "export_video", {{"path", "~/late.mp4"}});
+    auto status = FileSession::payload(result);
+    fs::path destination = session.user() / "late.mp4";
+    EXPECT_EQ(status["phase"], "queued") << status.dump();
+    EXPECT_EQ(status["note"], "Still exporting. Call export_video {action:\"status\", wait_seconds:40}; the copy is "
+                              "saved to " + destination.string() + " when it completes.");
+    EXPECT_FALSE(fs::exists(destination));
+
+    auto settled = statusUntilSettled(session, 2);
+    auto done = FileSession::payload(settled);
+    EXPECT_EQ(done["phase"], "completed");
+    EXPECT_EQ(done["file"]["savedTo"], destination.string());
+    EXPECT_TRUE(fs::exists(destination));
+    for (auto& arguments : session.forwarded("export_video")) EXPECT_FALSE(arguments.contains("path"));
+}
+
+TEST_F(ExportingVideo, FailedExportLeavesNothingAtThePath) {
+    FileSession session({{"STUDIO_SIM_EXPORT_SECONDS", "0.2"}, {"STUDIO_SIM_EXPORT_FAIL", "1"}});
+    session.start();
+    auto result = session.call(1, "export_video", {{"path", "out.mp4"}});
+    auto status = FileSession::payload(result);
+    EXPECT_EQ(status["phase"], "failed");
+    EXPECT_FALSE(status.contains("note"));
+    EXPECT_FALSE(status.contains("file"));
+    auto again = FileSession::payload(session.call(2, "export_video", {{"action", "status"}}));
+    EXPECT_EQ(again["phase"], "failed");
+    EXPECT_FALSE(fs::exists(session.work() / "out.mp4"));
+    EXPECT_TRUE(session.studioEvents("download").empty());
+}
+
+TEST_F(ExportingVideo, DestinationThatBecameAFolderIsReportedAndNotTriedAgain) {
+    FileSession session(slowExports("2"));
+    session.start();
+    auto started = FileSession::payload(session.call(1, "export_video", {{"path", "out.mp4"}}));
+    ASSERT_TRUE(started.contains("note")) << started.dump();
+    fs::create_directories(session.work() / "out.mp4");
+
+    auto failed = statusUntilSettled(session, 2);
+    EXPECT_TRUE(FileSession::isError(failed));
+    EXPECT_EQ(LinkSession::text(failed), (session.work() / "out.mp4").string() + " is a folder: name a file to export to.");
+    EXPECT_TRUE(fs::is_empty(session.work() / "out.mp4"));
+    size_t downloads = session.studioEvents("download").size();
+    EXPECT_LE(downloads, 1u);
+
+    auto later = FileSession::payload(session.call(500, "export_video", {{"action", "status"}}));
+    EXPECT_EQ(later["phase"], "completed");
+    EXPECT_FALSE(later["file"].contains("downloadId"));
+    EXPECT_FALSE(later["file"].contains("savedTo"));
+    EXPECT_EQ(session.studioEvents("download").size(), downloads);
+    EXPECT_TRUE(fs::is_empty(session.work() / "out.mp4"));
+}
