@@ -104,8 +104,8 @@ void FakeHttp::serve(int fd) {
         // ended too, or its worker would wait for a request forever.
         if (idle && stopping_) ::shutdown(fd, SHUT_RDWR);
     };
+    markIdle(true);
     for (;;) {
-        markIdle(true);
         size_t headerEnd;
         while ((headerEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
             char chunk[65536];
@@ -161,8 +161,12 @@ void FakeHttp::serve(int fd) {
         if (response.close) out << "Connection: close\r\n";
         out << "\r\n";
         std::string bytes = out.str() + response.body.substr(0, std::min(response.truncateBodyAt, response.body.size()));
+        bool ending = response.close || response.truncateBodyAt < response.body.size();
+        // Idle from the moment the answer can be read: the client may ask
+        // for this connection to be closed before this thread runs again.
+        if (!ending) markIdle(true);
         writeAll(fd, bytes);
-        if (response.close || response.truncateBodyAt < response.body.size()) {
+        if (ending) {
             ::close(fd);
             return;
         }
