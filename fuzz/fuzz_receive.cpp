@@ -13,8 +13,10 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 
+#include "peer/StudioPeer.h"
 #include "server/InputLoop.h"
 #include "server/StudioMCPBridge.h"
+#include "support/PlatformDoubles.h"
 
 namespace {
 
@@ -38,9 +40,25 @@ const char* const catalog = R"({
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     boost::asio::io_context context;
     std::vector<std::string> written;
+    // No Studio runs and none can start: calls that need one fail at once,
+    // and nothing of this machine (its bus, its programs) is touched.
+    testsupport::FakeNotificationCenter notifications;
+    testsupport::FakeRunningApplications running;
+    testsupport::FakeProcessSockets sockets;
+    testsupport::FakeCodeSigning signing;
+    testsupport::FakeSecureRandom random;
+    testsupport::FakeApplicationLauncher launcher;
+    launcher.failure = platform::SystemError{ENOENT, "No such file or directory"};
+    const std::string identifier(StudioMCPBridge::releaseIdentifier);
+    StudioConnection::Services services{notifications, running, launcher, random,
+                                        std::make_shared<StudioPeer>(StudioPeer::Services{running, sockets, signing},
+                                                                     identifier),
+                                        {}, identifier, identifier + ".agent-link",
+                                        std::string(StudioMCPBridge::hello)};
     auto bridge = StudioMCPBridge::create(
         context.get_executor(), std::filesystem::path("/nonexistent/Vantoric Studio.app"), std::string(catalog),
-        "/tmp/fuzz-folder", [&](std::string_view line) { written.emplace_back(line); }, {});
+        "/tmp/fuzz-folder", [&](std::string_view line) { written.emplace_back(line); }, {},
+        platform::systemBundles(), std::move(services));
 
     boost::asio::post(bridge->strand(), [&] {
         LineSplitter splitter;
