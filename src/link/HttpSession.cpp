@@ -1,12 +1,14 @@
 #include "link/HttpSession.h"
 
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
@@ -191,10 +193,12 @@ asio::awaitable<HttpResponse> HttpSession::send(HttpRequest request) {
 
 namespace {
 
-// The pieces an upload is read and sent in: large enough that a loopback
-// upload is a few thousand writes per gigabyte, small against the memory
-// the bridge may use.
+// The pieces an upload is read and sent in when the kernel cannot send the
+// file itself, and the pieces a download is read in: large enough that a
+// gigabyte is a few thousand system calls, small against the memory the
+// bridge may use.
 constexpr size_t uploadPiece = 1 << 20;
+constexpr size_t downloadPiece = 1 << 20;
 
 // A file being sent, closed on every way out.
 class SourceFile {
@@ -213,6 +217,7 @@ public:
     SourceFile& operator=(const SourceFile&) = delete;
 
     uint64_t size() const { return size_; }
+    int fd() const { return fd_; }
 
     // The next bytes at `offset`, as many as fit, never none: a file that
     // ends before the size it had at the start is a failure, not a short
@@ -224,22 +229,43 @@ public:
             if (got > 0) return static_cast<size_t>(got);
             if (got < 0 && errno == EINTR) continue;
             if (got < 0) fail(errno);
-            throw FileReadError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
+            shrank();
         }
     }
 
-private:
     [[noreturn]] void fail(int error) const {
         throw FileReadError("Could not read " + path_.string() + ": " + std::strerror(error) + ".");
     }
+    [[noreturn]] void shrank() const {
+        throw FileReadError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
+    }
 
+private:
     std::filesystem::path path_;
     int fd_ = -1;
     uint64_t size_ = 0;
 };
 
-// The header, then the file's bytes piece by piece, then the answer's
-// header; the same shape of outcome as writeThenReadHeader.
+// Until the socket takes more bytes, or `timeout` passes (a timeout error).
+asio::awaitable<error_code> writable(Connection& connection, std::chrono::steady_clock::duration timeout) {
+    auto& socket = connection.stream.socket();
+    asio::steady_timer deadline(socket.get_executor(), timeout);
+    bool expired = false;
+    deadline.async_wait([&socket, &expired](error_code ec) {
+        if (ec) return;
+        expired = true;
+        socket.cancel(ec);
+    });
+    auto [ec] = co_await socket.async_wait(tcp::socket::wait_write, asio::as_tuple(asio::use_awaitable));
+    deadline.cancel();
+    if (expired) co_return error_code(beast::error::timeout);
+    co_return ec;
+}
+
+// The header, then the file's bytes, then the answer's header; the same
+// shape of outcome as writeThenReadHeader. The bytes go from the page cache
+// to the socket by sendfile; a file that sendfile cannot read is read into
+// `piece` and written instead.
 template <class Parser>
 asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection& connection,
                                                                      http::request<http::empty_body>& message,
@@ -250,7 +276,36 @@ asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection&
     connection.stream.expires_after(timeout);
     auto [written, n] = co_await http::async_write_header(connection.stream, head, asio::as_tuple(asio::use_awaitable));
     if (written) co_return std::pair{written, false};
+    bool zeroCopy = true;
     for (uint64_t offset = 0; offset < source.size();) {
+        if (zeroCopy) {
+            error_code ec;
+            connection.stream.socket().native_non_blocking(true, ec);
+            off_t at = static_cast<off_t>(offset);
+            size_t most = static_cast<size_t>(std::min<uint64_t>(source.size() - offset, 1u << 30));
+            ssize_t put = ::sendfile(connection.stream.socket().native_handle(), source.fd(), &at, most);
+            if (put > 0) {
+                offset += static_cast<uint64_t>(put);
+                if (sent) sent(offset, source.size());
+                continue;
+            }
+            if (put == 0) source.shrank();
+            int error = errno;
+            if (error == EINTR) continue;
+            if (error == EAGAIN || error == EWOULDBLOCK) {
+                auto waited = co_await writable(connection, timeout);
+                if (waited) co_return std::pair{waited, false};
+                continue;
+            }
+            if (error == EINVAL || error == ENOSYS || error == EOPNOTSUPP) {
+                zeroCopy = false;
+                continue;
+            }
+            if (error == EPIPE || error == ECONNRESET || error == ENOTCONN)
+                co_return std::pair{error_code(error, boost::system::system_category()), false};
+            source.fail(error);
+        }
+        if (piece.empty()) piece.resize(uploadPiece);
         size_t got = source.read(piece.data(), piece.size(), offset);
         connection.stream.expires_after(timeout);
         auto [ec, m] = co_await asio::async_write(connection.stream, asio::buffer(piece.data(), got),
@@ -271,7 +326,7 @@ asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::fi
     // Opened before any connection is made: a file that cannot be read
     // costs Studio nothing.
     std::optional<SourceFile> source(std::in_place, file);
-    std::vector<char> piece(static_cast<size_t>(std::clamp<uint64_t>(source->size(), 1, uploadPiece)));
+    std::vector<char> piece;
     bool firstAttempt = true;
     http::request<http::empty_body> message;
     std::optional<http::response_parser<http::string_body>> parser;
@@ -307,19 +362,69 @@ asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, s
     std::optional<http::response_parser<http::empty_body>> header;
     auto connection = co_await pool_->run(request.url, [&](Connection& c) {
         header.emplace();
+        // The length is checked against the limit as soon as the header is
+        // read: a file's body has none.
+        header->body_limit(boost::none);
         return writeThenReadHeader(c, message, *header, pool_->timeout);
     });
     int status = static_cast<int>(header->get().result_int());
     // Any other answer's body is of no use; the connection goes with it.
     if (status != wanted) co_return status;
 
+    // The descriptor is ours from here on.
+    struct Destination {
+        int fd;
+        ~Destination() { ::close(fd); }
+        void write(const char* data, size_t size) const {
+            while (size > 0) {
+                ssize_t n = ::write(fd, data, size);
+                if (n < 0 && errno == EINTR) continue;
+                if (n <= 0)
+                    throw TransportError(std::string("Could not write the downloaded file: ") +
+                                         std::strerror(n < 0 ? errno : EIO) + ".");
+                data += n;
+                size -= static_cast<size_t>(n);
+            }
+        }
+    } destination{open()};
+
+    auto& head = *header;
+    if (!head.chunked() && head.content_length()) {
+        // A body of known length goes from the socket to the file in large
+        // reads, without a parser in between: the part that came with the
+        // header first, then the rest.
+        uint64_t remaining = *head.content_length();
+        auto early = connection->buffer.data();
+        size_t taken = static_cast<size_t>(std::min<uint64_t>(early.size(), remaining));
+        destination.write(static_cast<const char*>(early.data()), taken);
+        connection->buffer.consume(taken);
+        remaining -= taken;
+        std::vector<char> piece(static_cast<size_t>(std::min<uint64_t>(downloadPiece, remaining)));
+        while (remaining > 0) {
+            connection->stream.expires_after(pool_->timeout);
+            size_t want = static_cast<size_t>(std::min<uint64_t>(piece.size(), remaining));
+            auto [ec, n] = co_await connection->stream.async_read_some(asio::buffer(piece.data(), want),
+                                                                       asio::as_tuple(asio::use_awaitable));
+            if (ec == asio::error::eof) ec = http::error::partial_message;
+            if (ec) throwTransport(ec);
+            destination.write(piece.data(), n);
+            remaining -= n;
+        }
+        bool keep = head.keep_alive();
+        if (keep) pool_->release(request.url, std::move(connection));
+        co_return status;
+    }
+
+    // Chunked, or up to the end of the connection: the parser frames it.
     http::response_parser<http::file_body> parser(std::move(*header));
     parser.body_limit(boost::none);
     beast::file_posix file;
-    file.native_handle(open());
+    file.native_handle(::dup(destination.fd));
     error_code adopted;
     parser.get().body().reset(std::move(file), adopted);
     if (adopted) throwTransport(adopted);
+    // Beast reads no more than the buffer has room for.
+    connection->buffer.reserve(1 << 16);
     for (;;) {
         connection->stream.expires_after(pool_->timeout);
         auto [ec, n] = co_await http::async_read_some(connection->stream, connection->buffer, parser,

@@ -231,7 +231,7 @@ TEST_F(Uploading, ProgressCountsTheBytesSentUpToTheFileSize) {
 
 TEST_F(Uploading, FileThatShrinksWhileSentFailsThatUploadAlone) {
     testsupport::TempDir dir;
-    auto file = dir.write("shrinking.mov", std::string(5 << 20, 's'));
+    auto file = dir.write("shrinking.mov", std::string(32 << 20, 's'));  // more than one send takes
     auto other = dir.write("other.mov", "other");
     answer(201, R"({"uploadId":"u-1"})");
     auto link = io_.run(connection_->connect());
@@ -280,6 +280,16 @@ TEST_F(Downloading, ExportLandsAtTheDestinationReadableByAll) {
     EXPECT_EQ(requests[0].method, "GET");
     EXPECT_EQ(requests[0].target, "/downloads/export%201");
     EXPECT_EQ(requests[0].headers["authorization"], "Bearer " + token);
+}
+
+TEST_F(Downloading, ExportLargerThanAnyMessageLimitArrivesWhole) {
+    testsupport::TempDir dir;
+    std::string bytes(24 << 20, '\0');
+    for (size_t i = 0; i < bytes.size(); i += 4096) bytes[i] = static_cast<char>(i / 4096);
+    answer(200, bytes);
+    io_.run(connection_->download("big", dir.path() / "big.mp4", false), 30s);
+    EXPECT_EQ(fs::file_size(dir.path() / "big.mp4"), bytes.size());
+    EXPECT_TRUE(testsupport::readFile(dir.path() / "big.mp4") == bytes);
 }
 
 TEST_F(Downloading, ExistingFileIsKeptUnlessOverwriteIsAsked) {
