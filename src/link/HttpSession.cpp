@@ -127,6 +127,19 @@ struct HttpSession::Pool {
         if (spare.size() < idlePerHost) spare.push_back(std::move(connection));
     }
 
+    // The rest of an answer whose header has arrived; the connection is kept
+    // for the next exchange when the server allows it.
+    asio::awaitable<HttpResponse> finish(const URL& url, std::unique_ptr<Connection> connection,
+                                         http::response_parser<http::string_body>& parser) {
+        connection->stream.expires_after(timeout);
+        auto [ec, n] = co_await http::async_read(connection->stream, connection->buffer, parser,
+                                                 asio::as_tuple(asio::use_awaitable));
+        if (ec) throwTransport(ec);
+        auto response = parser.release();
+        if (response.keep_alive()) release(url, std::move(connection));
+        co_return HttpResponse{static_cast<int>(response.result_int()), std::move(response.body())};
+    }
+
     // One request and its answer on a pooled connection. `exchange` writes
     // the request and reads the answer's header; it returns the error and
     // whether any answer byte arrived. A reused connection that fails before
@@ -182,13 +195,7 @@ asio::awaitable<HttpResponse> HttpSession::send(HttpRequest request) {
         parser->body_limit(stringBodyLimit);
         return writeThenReadHeader(c, message, *parser, pool_->timeout);
     });
-    connection->stream.expires_after(pool_->timeout);
-    auto [ec, n] = co_await http::async_read(connection->stream, connection->buffer, *parser,
-                                             asio::as_tuple(asio::use_awaitable));
-    if (ec) throwTransport(ec);
-    auto response = parser->release();
-    if (response.keep_alive()) pool_->release(request.url, std::move(connection));
-    co_return HttpResponse{static_cast<int>(response.result_int()), std::move(response.body())};
+    co_return co_await pool_->finish(request.url, std::move(connection), *parser);
 }
 
 namespace {
@@ -345,13 +352,7 @@ asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::fi
         return writeFileThenReadHeader(c, message, *source, piece, sent, *parser, pool_->timeout);
     });
     source.reset();
-    connection->stream.expires_after(pool_->timeout);
-    auto [ec, n] = co_await http::async_read(connection->stream, connection->buffer, *parser,
-                                             asio::as_tuple(asio::use_awaitable));
-    if (ec) throwTransport(ec);
-    auto response = parser->release();
-    if (response.keep_alive()) pool_->release(request.url, std::move(connection));
-    co_return HttpResponse{static_cast<int>(response.result_int()), std::move(response.body())};
+    co_return co_await pool_->finish(request.url, std::move(connection), *parser);
 }
 
 asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, std::function<int()> open) {
