@@ -1,23 +1,16 @@
-// Helpers for the link's tests: an I/O thread to run coroutines on, a
-// blocking loopback client that plays Studio's side of the hand-over, and a
+// Helpers for the link's tests: an I/O thread to run coroutines on, and a
 // small HTTP server that plays Studio's services.
 #pragma once
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/use_future.hpp>
 #include <chrono>
 #include <functional>
 #include <future>
-#include <map>
-#include <mutex>
-#include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support/FakeHttp.h"
 
@@ -78,26 +71,6 @@ std::string failureOf(std::future<T>&& future) {
 }
 template <class T>
 std::string failureOf(std::future<T>& future) { return failureOf(std::move(future)); }
-
-// A blocking loopback TCP client with deadlines, as Studio's side.
-class Client {
-public:
-    explicit Client(uint16_t port);
-    ~Client();
-    uint16_t localPort() const;
-    void send(const std::string& bytes);
-    // Bytes up to and without the next line feed; nothing at end or timeout.
-    std::optional<std::string> readLine(std::chrono::milliseconds timeout = 5s);
-    // True when the other side closed (read returns 0) within the timeout.
-    bool closedByPeer(std::chrono::milliseconds timeout = 5s);
-    // Bytes received before the close (for "closed without a byte").
-    const std::string& received() const { return buffer_; }
-    void close();
-
-private:
-    int fd_ = -1;
-    std::string buffer_;
-};
 
 // Studio's services, played by a small HTTP server of the test support.
 using testsupport::FakeHttp;

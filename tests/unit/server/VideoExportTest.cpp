@@ -64,27 +64,6 @@ TEST(StartingExports, OnlyTheActionAndTheLabelChoiceReachStudio) {
     EXPECT_EQ(studio.calls().at(0)["arguments"].dump(), R"({"action":"start","include_ai_label":"maybe"})");
 }
 
-TEST(StartingExports, CompletedWithinTheWaitIsSavedAtThePath) {
-    StudioHarness studio;
-    answerExport(studio, queued, completed);
-    studio.offerDownload("dl-1", "mp4 content");
-    auto reply = studio.call(1, "export_video", {{"path", "renders/Trip.mp4"}});
-    fs::path saved = studio.work() / "renders/Trip.mp4";
-
-    Json expected = completed;
-    expected["file"].erase("downloadId");
-    expected["file"]["savedTo"] = saved.string();
-    EXPECT_EQ(payloadOf(reply), expected);
-    EXPECT_EQ(readFile(saved), "mp4 content");
-    EXPECT_EQ(modeOf(saved), 0644u);
-    EXPECT_FALSE(studio.bridge->exportDestination);
-
-    auto calls = studio.calls();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[1]["arguments"].dump(), R"({"action":"status","wait_seconds":15})");
-    EXPECT_EQ(studio.downloads(), std::vector<std::string>{"dl-1"});
-}
-
 TEST(StartingExports, RenderingWithALevelKeepsPollingUntilTheWaitIsOver) {
     StudioHarness studio;
     studio.callDelay = std::chrono::milliseconds(40);
@@ -102,23 +81,6 @@ TEST(StartingExports, RenderingWithALevelKeepsPollingUntilTheWaitIsOver) {
     EXPECT_EQ(payloadOf(reply), expected);
     EXPECT_TRUE(studio.downloads().empty());
     EXPECT_TRUE(studio.bridge->exportDestination);
-}
-
-TEST(StartingExports, StillQueuedAfterTheWaitGetsTheNoteAndALaterStatusSaves) {
-    StudioHarness studio;
-    studio.callDelay = std::chrono::milliseconds(40);
-    answerExport(studio, queued, queued);
-    auto reply = studio.call(1, "export_video", {{"path", "~/out.mp4"}});
-    Json expected = queued;
-    expected["note"] = noteFor(studio.home() / "out.mp4");
-    EXPECT_EQ(payloadOf(reply), expected);
-
-    answerExport(studio, queued, completed);
-    studio.offerDownload("dl-1", "bytes");
-    auto later = studio.call(2, "export_video", {{"action", "status"}, {"wait_seconds", 40}});
-    EXPECT_EQ(payloadOf(later)["file"]["savedTo"], (studio.home() / "out.mp4").string());
-    EXPECT_EQ(readFile(studio.home() / "out.mp4"), "bytes");
-    EXPECT_EQ(studio.calls().back()["arguments"].dump(), R"({"action":"status","wait_seconds":40})");
 }
 
 TEST(StartingExports, StudiosRefusalIsReturnedAsItCame) {
@@ -150,37 +112,6 @@ TEST(StartingExports, StartWithoutAPathForgetsTheEarlierDestination) {
     EXPECT_EQ(payloadOf(reply), expected);
     EXPECT_TRUE(studio.downloads().empty());
     EXPECT_FALSE(fs::exists(studio.work() / "earlier.mp4"));
-}
-
-TEST(ExportStatus, FailedExportForgetsTheDestination) {
-    StudioHarness studio;
-    answerExport(studio, queued, failed);
-    auto reply = studio.call(1, "export_video", {{"action", "status"}, {"path", "a.mp4"}, {"overwrite", true}});
-    EXPECT_EQ(reply["result"], studioResult(failed));
-    EXPECT_EQ(studio.calls().at(0)["arguments"], Json({{"action", "status"}}));
-    EXPECT_FALSE(studio.bridge->exportDestination);
-
-    answerExport(studio, queued, completed);
-    studio.call(2, "export_video", {{"action", "status"}});
-    EXPECT_TRUE(studio.downloads().empty());
-}
-
-TEST(ExportStatus, DestinationThatBecameAFolderIsReportedAndNotTriedAgain) {
-    StudioHarness studio;
-    answerExport(studio, queued, queued);
-    studio.call(1, "export_video", {{"path", "out.mp4"}});
-    fs::create_directories(studio.work() / "out.mp4");
-
-    answerExport(studio, queued, completed);
-    studio.offerDownload("dl-1", "bytes");
-    auto reply = studio.call(2, "export_video", {{"action", "status"}});
-    EXPECT_EQ(toolText(reply), (studio.work() / "out.mp4").string() + " is a folder: name a file to export to.");
-    EXPECT_TRUE(fs::is_empty(studio.work() / "out.mp4"));
-
-    auto again = studio.call(3, "export_video", {{"action", "status"}});
-    EXPECT_EQ(studio.downloads().size(), 1u);
-    EXPECT_FALSE(payloadOf(again)["file"].contains("downloadId"));
-    EXPECT_FALSE(payloadOf(again)["file"].contains("savedTo"));
 }
 
 TEST(ExportStatus, ExistingFileIsReplacedOnlyWhenAsked) {
