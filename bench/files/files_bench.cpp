@@ -38,6 +38,7 @@
 #include "link/StudioLocation.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
+#include "support/IoThread.h"
 
 namespace asio = boost::asio;
 namespace fs = std::filesystem;
@@ -52,17 +53,7 @@ constexpr uint64_t defaultBytes = 2ull << 30;
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
-struct Io {
-    asio::io_context io;
-    asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};
-    asio::strand<asio::io_context::executor_type> strand{asio::make_strand(io)};
-    std::thread thread{[this] { io.run(); }};
-    ~Io() {
-        work.reset();
-        io.stop();
-        thread.join();
-    }
-};
+using bench::Io;
 
 // The bench's own link to Studio, for the calls around the transfers and
 // for curl's token.

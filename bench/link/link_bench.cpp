@@ -40,6 +40,7 @@
 #include "link/StudioLocation.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
+#include "support/IoThread.h"
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -59,17 +60,7 @@ json summary(const std::string& what, std::vector<double> samples) {
     return {{"measure", what}, {"count", samples.size()}, {"median_ms", at(0.5)}, {"p99_ms", at(0.99)}};
 }
 
-struct Io {
-    asio::io_context io;
-    asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};
-    asio::strand<asio::io_context::executor_type> strand{asio::make_strand(io)};
-    std::thread thread{[this] { io.run(); }};
-    ~Io() {
-        work.reset();
-        io.stop();
-        thread.join();
-    }
-};
+using bench::Io;
 
 std::shared_ptr<StudioConnection> newConnection(Io& io) {
     auto env = platform::captureEnvironment();

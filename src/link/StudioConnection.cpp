@@ -29,6 +29,7 @@
 #include "platform/Log.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunningApplications.h"
+#include "platform/Environment.h"
 
 namespace asio = boost::asio;
 namespace fs = std::filesystem;
@@ -36,16 +37,8 @@ using boost::system::error_code;
 
 LinkDurations LinkDurations::fromEnvironment(const std::map<std::string, std::string>& environment) {
     LinkDurations durations;
-    auto milliseconds = [&](const char* name) -> std::optional<std::chrono::milliseconds> {
-        auto it = environment.find(name);
-        if (it == environment.end()) return std::nullopt;
-        char* end = nullptr;
-        long long value = std::strtoll(it->second.c_str(), &end, 10);
-        if (end == it->second.c_str() || *end != '\0' || value <= 0) return std::nullopt;
-        return std::chrono::milliseconds(value);
-    };
-    if (auto wait = milliseconds("VSM_TEST_LINK_WAIT_MS")) durations.linkWait = *wait;
-    if (auto reply = milliseconds("VSM_TEST_REPLY_TIMEOUT_MS")) durations.replyTimeout = *reply;
+    if (auto wait = platform::milliseconds(environment, "VSM_TEST_LINK_WAIT_MS")) durations.linkWait = *wait;
+    if (auto reply = platform::milliseconds(environment, "VSM_TEST_REPLY_TIMEOUT_MS")) durations.replyTimeout = *reply;
     return durations;
 }
 

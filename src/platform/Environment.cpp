@@ -1,5 +1,7 @@
 #include "platform/Environment.h"
 
+#include <cstdlib>
+
 extern char** environ;
 
 namespace platform {
@@ -19,6 +21,15 @@ std::optional<std::string> nonEmpty(const Environment& environment, const std::s
     auto it = environment.find(name);
     if (it == environment.end() || it->second.empty()) return std::nullopt;
     return it->second;
+}
+
+std::optional<std::chrono::milliseconds> milliseconds(const Environment& environment, const std::string& name) {
+    auto it = environment.find(name);
+    if (it == environment.end()) return std::nullopt;
+    char* end = nullptr;
+    long long value = std::strtoll(it->second.c_str(), &end, 10);
+    if (end == it->second.c_str() || *end != '\0' || value <= 0) return std::nullopt;
+    return std::chrono::milliseconds(value);
 }
 
 }  // namespace platform

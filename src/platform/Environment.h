@@ -1,6 +1,7 @@
 // The process environment as a plain map, captured once at start and passed
 // explicitly to whatever reads it, so tests can hand in any environment.
 #pragma once
+#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,5 +15,9 @@ Environment captureEnvironment();
 
 // The value of a variable that is set and not empty.
 std::optional<std::string> nonEmpty(const Environment& environment, const std::string& name);
+
+// A variable holding a positive whole number of milliseconds; anything else
+// counts as unset.
+std::optional<std::chrono::milliseconds> milliseconds(const Environment& environment, const std::string& name);
 
 }  // namespace platform

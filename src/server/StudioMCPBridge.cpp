@@ -1,18 +1,12 @@
 #include "server/StudioMCPBridge.h"
 
-#include <cstdlib>
-
+#include "platform/Environment.h"
 #include "server/PathResolution.h"
 
 BridgeTiming BridgeTiming::fromEnvironment(const std::map<std::string, std::string>& environment) {
     BridgeTiming timing;
     timing.link = LinkDurations::fromEnvironment(environment);
-    if (auto wait = environment.find("VSM_TEST_EXPORT_WAIT_MS"); wait != environment.end()) {
-        char* end = nullptr;
-        long long milliseconds = std::strtoll(wait->second.c_str(), &end, 10);
-        if (end != wait->second.c_str() && *end == '\0' && milliseconds > 0)
-            timing.exportWait = std::chrono::milliseconds(milliseconds);
-    }
+    if (auto wait = platform::milliseconds(environment, "VSM_TEST_EXPORT_WAIT_MS")) timing.exportWait = *wait;
     return timing;
 }
 
