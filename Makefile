@@ -20,7 +20,11 @@ check: build
 	@scripts/test-setup $(BUILD)
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
 
-demo: build
+# The demo needs only the bridge and the simulator's bundles, not the tests and
+# benchmarks that make up most of a full build.
+demo: deps
+	@test -f $(BUILD)/build.ninja || cmake -S . -B $(BUILD) -G Ninja $(CMAKE_FLAGS)
+	@cmake --build $(BUILD) -j $(JOBS) --target vantoric-studio-mcp studio-sim-bundles
 	@scripts/demo $(BUILD)
 
 bench: deps
