@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_RUNS ?= 1000000
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build check demo bench fuzz clean
+.PHONY: all deps build check demo bench fuzz coverage clean
 
 all: build
 
@@ -37,5 +37,16 @@ fuzz: deps
 	@cmake --build build-fuzz -j $(JOBS)
 	@scripts/fuzz build-fuzz $(FUZZ_RUNS)
 
+# Line and branch coverage of src/ by the whole test suite: the guard that a
+# reshaping of the tests loses nothing they checked.
+coverage: deps
+	@test -f build-coverage/build.ninja || cmake -S . -B build-coverage -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVSM_COVERAGE=ON -DVSM_BENCH=OFF
+	@cmake --build build-coverage -j $(JOBS)
+	@scripts/test-setup build-coverage
+	@find build-coverage -name '*.gcda' -delete
+	@cd build-coverage && ctest -j $(JOBS) --timeout 600 >ctest.log || { tail -40 ctest.log; exit 1; }
+	@gcovr -r . --object-directory build-coverage --filter 'src/' --exclude-unreachable-branches --exclude-throw-branches --print-summary -o build-coverage/coverage.txt
+	@echo "coverage: per-file figures in build-coverage/coverage.txt"
+
 clean:
-	rm -rf $(BUILD) build-bench build-fuzz
+	rm -rf $(BUILD) build-bench build-fuzz build-coverage
