@@ -136,26 +136,23 @@ struct HttpSession::Pool {
                                                  asio::as_tuple(asio::use_awaitable));
         if (ec) throwTransport(ec);
         auto response = parser.release();
-        if (response.keep_alive()) release(url, std::move(connection));
+        // Bytes behind the answer belong to no request of ours: a
+        // connection holding them would hand them to the next call.
+        if (response.keep_alive() && connection->buffer.size() == 0) release(url, std::move(connection));
         co_return HttpResponse{static_cast<int>(response.result_int()), std::move(response.body())};
     }
 
     // One request and its answer on a pooled connection. `exchange` writes
-    // the request and reads the answer's header; it returns the error and
-    // whether any answer byte arrived. A reused connection that fails before
-    // that is given up and the exchange made again on a new one.
+    // the request and reads the answer's header. Nothing is ever sent twice:
+    // once a byte of the request may have reached Studio, Studio may have
+    // acted on it, so a failure goes to the caller as it is. A pooled
+    // connection is only handed out when it still reads as open and empty.
     template <class Exchange>
     asio::awaitable<std::unique_ptr<Connection>> run(const URL& url, Exchange exchange) {
-        for (int attempt = 0;; ++attempt) {
-            auto lease = co_await acquire(url, attempt > 0);
-            auto [ec, answered] = co_await exchange(*lease.connection);
-            if (!ec) co_return std::move(lease.connection);
-            if (lease.reused && !answered && attempt == 0 && staleConnection(ec)) {
-                ++counters.retried;
-                continue;
-            }
-            throwTransport(ec);
-        }
+        auto lease = co_await acquire(url, false);
+        auto [ec, answered] = co_await exchange(*lease.connection);
+        if (ec) throwTransport(ec);
+        co_return std::move(lease.connection);
     }
 };
 
@@ -168,17 +165,34 @@ HttpSession::Counters HttpSession::counters() const { return pool_->counters; }
 
 namespace {
 
+// The header of the final answer: interim 1xx answers (100 Continue, 102
+// Processing) carry no body and are read past with a fresh parser, so that
+// the real answer is never left in the buffer for the next call.
+template <class Parser>
+asio::awaitable<std::pair<error_code, bool>> readFinalHeader(Connection& connection, std::optional<Parser>& parser,
+                                                             boost::optional<uint64_t> bodyLimit,
+                                                             std::chrono::steady_clock::duration timeout) {
+    for (;;) {
+        parser.emplace();
+        parser->body_limit(bodyLimit);
+        connection.stream.expires_after(timeout);
+        auto [read, m] = co_await http::async_read_header(connection.stream, connection.buffer, *parser,
+                                                          asio::as_tuple(asio::use_awaitable));
+        if (read) co_return std::pair{read, parser->got_some()};
+        unsigned status = parser->get().result_int();
+        if (status < 100 || status >= 200 || status == 101) co_return std::pair{read, true};
+    }
+}
+
 template <class Body, class Parser>
 asio::awaitable<std::pair<error_code, bool>> writeThenReadHeader(Connection& connection, http::request<Body>& message,
-                                                                 Parser& parser,
+                                                                 std::optional<Parser>& parser,
+                                                                 boost::optional<uint64_t> bodyLimit,
                                                                  std::chrono::steady_clock::duration timeout) {
     connection.stream.expires_after(timeout);
     auto [written, n] = co_await http::async_write(connection.stream, message, asio::as_tuple(asio::use_awaitable));
     if (written) co_return std::pair{written, false};
-    connection.stream.expires_after(timeout);
-    auto [read, m] = co_await http::async_read_header(connection.stream, connection.buffer, parser,
-                                                      asio::as_tuple(asio::use_awaitable));
-    co_return std::pair{read, parser.got_some()};
+    co_return co_await readFinalHeader(connection, parser, bodyLimit, timeout);
 }
 
 }  // namespace
@@ -191,9 +205,7 @@ asio::awaitable<HttpResponse> HttpSession::send(HttpRequest request) {
 
     std::optional<http::response_parser<http::string_body>> parser;
     auto connection = co_await pool_->run(request.url, [&](Connection& c) {
-        parser.emplace();
-        parser->body_limit(stringBodyLimit);
-        return writeThenReadHeader(c, message, *parser, pool_->timeout);
+        return writeThenReadHeader(c, message, parser, stringBodyLimit, pool_->timeout);
     });
     co_return co_await pool_->finish(request.url, std::move(connection), *parser);
 }
@@ -277,7 +289,8 @@ template <class Parser>
 asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection& connection,
                                                                      http::request<http::empty_body>& message,
                                                                      const SourceFile& source, std::vector<char>& piece,
-                                                                     const HttpSession::Sent& sent, Parser& parser,
+                                                                     const HttpSession::Sent& sent,
+                                                                     std::optional<Parser>& parser,
                                                                      std::chrono::steady_clock::duration timeout) {
     http::request_serializer<http::empty_body> head(message);
     connection.stream.expires_after(timeout);
@@ -321,10 +334,7 @@ asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection&
         offset += got;
         if (sent) sent(offset, source.size());
     }
-    connection.stream.expires_after(timeout);
-    auto [read, m] = co_await http::async_read_header(connection.stream, connection.buffer, parser,
-                                                      asio::as_tuple(asio::use_awaitable));
-    co_return std::pair{read, parser.got_some()};
+    co_return co_await readFinalHeader(connection, parser, stringBodyLimit, timeout);
 }
 
 }  // namespace
@@ -334,22 +344,12 @@ asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::fi
     // costs Studio nothing.
     std::optional<SourceFile> source(std::in_place, file);
     std::vector<char> piece;
-    bool firstAttempt = true;
     http::request<http::empty_body> message;
     std::optional<http::response_parser<http::string_body>> parser;
     auto connection = co_await pool_->run(request.url, [&](Connection& c) {
-        // A retry opens the file afresh and sends it as it is now.
-        if (!firstAttempt) {
-            source.reset();
-            source.emplace(file);
-        }
-        firstAttempt = false;
-        message = {};
         prepare(message, request);
         message.content_length(source->size());
-        parser.emplace();
-        parser->body_limit(stringBodyLimit);
-        return writeFileThenReadHeader(c, message, *source, piece, sent, *parser, pool_->timeout);
+        return writeFileThenReadHeader(c, message, *source, piece, sent, parser, pool_->timeout);
     });
     source.reset();
     co_return co_await pool_->finish(request.url, std::move(connection), *parser);
@@ -361,12 +361,10 @@ asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, s
     message.prepare_payload();
 
     std::optional<http::response_parser<http::empty_body>> header;
+    // The length is checked against the limit as soon as the header is
+    // read: a file's body has none.
     auto connection = co_await pool_->run(request.url, [&](Connection& c) {
-        header.emplace();
-        // The length is checked against the limit as soon as the header is
-        // read: a file's body has none.
-        header->body_limit(boost::none);
-        return writeThenReadHeader(c, message, *header, pool_->timeout);
+        return writeThenReadHeader(c, message, header, boost::none, pool_->timeout);
     });
     int status = static_cast<int>(header->get().result_int());
     // Any other answer's body is of no use; the connection goes with it.
@@ -411,7 +409,7 @@ asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, s
             destination.write(piece.data(), n);
             remaining -= n;
         }
-        bool keep = head.keep_alive();
+        bool keep = head.keep_alive() && connection->buffer.size() == 0;
         if (keep) pool_->release(request.url, std::move(connection));
         co_return status;
     }
@@ -439,7 +437,7 @@ asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, s
         }
         if (parser.is_done()) break;
     }
-    bool keep = parser.get().keep_alive();
+    bool keep = parser.get().keep_alive() && connection->buffer.size() == 0;
     parser.get().body().close();
     if (keep) pool_->release(request.url, std::move(connection));
     co_return status;

@@ -1,8 +1,10 @@
 // The HTTP/1.1 client for Studio's loopback services. Connections are kept
 // alive between exchanges, one pool per host and port; a pooled connection
-// that Studio closed meanwhile is noticed before use, and an exchange whose
-// reused connection fails before any answer arrives is sent once more on a
-// fresh one. Every wait has a deadline (600 seconds unless told otherwise).
+// is reused only when it still reads as open and holds no unread byte, and
+// one whose answer left bytes behind is closed. No request is ever sent
+// twice: calls and uploads are not idempotent, so a failure after the first
+// byte went out is the caller's. Interim 1xx answers are read past. Every
+// wait has a deadline (600 seconds unless told otherwise).
 // Bodies can come from a file and go to a file descriptor, so nothing large
 // sits in memory.
 //
@@ -79,7 +81,6 @@ public:
     struct Counters {
         int opened = 0;
         int reused = 0;
-        int retried = 0;
     };
     Counters counters() const;
 

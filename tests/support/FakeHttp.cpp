@@ -155,12 +155,18 @@ void FakeHttp::serve(int fd) {
         }
         Response response = handler(request);
         if (response.delay.count() > 0) std::this_thread::sleep_for(response.delay);
+        if (response.hangUp) {
+            ::close(fd);
+            return;
+        }
         std::ostringstream out;
         out << "HTTP/1.1 " << response.status << " Status\r\nContent-Type: " << response.contentType
             << "\r\nContent-Length: " << response.body.size() << "\r\n";
         if (response.close) out << "Connection: close\r\n";
         out << "\r\n";
-        std::string bytes = out.str() + response.body.substr(0, std::min(response.truncateBodyAt, response.body.size()));
+        std::string bytes = response.before + out.str() +
+                            response.body.substr(0, std::min(response.truncateBodyAt, response.body.size())) +
+                            response.after;
         bool ending = response.close || response.truncateBodyAt < response.body.size();
         // Idle from the moment the answer can be read: the client may ask
         // for this connection to be closed before this thread runs again.

@@ -143,6 +143,56 @@ TEST_F(KeptAlive, ConnectionStudioClosedIsReplacedTransparently) {
     EXPECT_EQ(http_.requests().size(), 2u);
 }
 
+// What Studio does to one call must never reach another call, nor reach
+// Studio twice: each case is a kept-alive connection, then one odd answer,
+// then a plain call that must get its own answer.
+TEST_F(KeptAlive, OddAnswersStayWithTheirCallAndNothingIsSentTwice) {
+    struct Case {
+        const char* name;
+        FakeHttp::Response odd;
+        std::string failure;  // "" when the odd call succeeds
+        int connections;
+    };
+    auto with = [](auto change) {
+        FakeHttp::Response response{200, R"({"result":{"call":"odd"}})"};
+        change(response);
+        return response;
+    };
+    const Case cases[] = {
+        {"read and hung up", with([](auto& r) { r.hangUp = true; }), "The connection to Vantoric Studio was lost.", 2},
+        {"interim 100 Continue", with([](auto& r) { r.before = "HTTP/1.1 100 Continue\r\n\r\n"; }), "", 1},
+        {"two interim answers", with([](auto& r) { r.before = "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 102 Processing\r\n\r\n"; }), "", 1},
+        {"bytes behind the body",
+         with([](auto& r) { r.after = "HTTP/1.1 200 OK\r\nContent-Length: 25\r\n\r\n{\"result\":{\"call\":\"x\"}}"; }), "", 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeHttp http;
+        Link link{*URL::parse(http.base() + "/mcp"), *URL::parse(http.base()), token, nullptr};
+        StudioConnection::Services services{notifications_, running_, launcher_, random_, nullptr, nullptr, "i", "n", "h"};
+        auto studio = StudioConnection::create(io_.strand(), io_.io(), fs::path("/x.app"), [] { return std::string(); },
+                                               services, durations_, link);
+        http.setHandler([](const FakeHttp::Request&) { return FakeHttp::Response{200, R"({"result":{"call":"plain"}})"}; });
+        ASSERT_TRUE(io_.run(studio->forward(json::object(), "t")).result);
+        http.setHandler([&](const FakeHttp::Request&) { return c.odd; });
+        auto odd = io_.start(studio->forward(json::object(), "t"));
+        if (c.failure.empty()) {
+            auto result = odd.get().result;
+            ASSERT_TRUE(result);
+            EXPECT_EQ((*result)["call"], "odd");
+        } else {
+            EXPECT_EQ(failureOf(odd), c.failure);
+        }
+        EXPECT_EQ(http.requests().size(), 2u);
+        http.setHandler([](const FakeHttp::Request&) { return FakeHttp::Response{200, R"({"result":{"call":"plain"}})"}; });
+        auto plain = io_.run(studio->forward(json::object(), "t")).result;
+        ASSERT_TRUE(plain);
+        EXPECT_EQ((*plain)["call"], "plain");
+        EXPECT_EQ(http.connections(), c.connections);
+        io_.onStrand([&] { studio->stop(); });
+    }
+}
+
 TEST_F(KeptAlive, ConnectionClosedByStudiosAnswerIsNotReused) {
     http_.setHandler([](const FakeHttp::Request&) {
         FakeHttp::Response response{200, R"({"result":{}})"};
