@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string bytes(reinterpret_cast<const char*>(data), size);
     auto newline = bytes.find('\n');
     std::string line = newline == std::string::npos ? bytes : bytes.substr(0, newline);
-    auto value = nlohmann::ordered_json::parse(line, nullptr, false);
+    auto value = Json::parse(line, nullptr, false);
     if (value.is_discarded() || !value.is_object()) return 0;
     try {
         auto reply = HandoverReply::validated(value);

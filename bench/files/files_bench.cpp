@@ -30,7 +30,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <nlohmann/json.hpp>
+#include "json/Json.h"
 #include <thread>
 #include <vector>
 
@@ -42,7 +42,7 @@
 
 namespace asio = boost::asio;
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
+using json = Json;
 using Clock = std::chrono::steady_clock;
 
 extern char** environ;

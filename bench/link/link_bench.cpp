@@ -32,7 +32,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
-#include <nlohmann/json.hpp>
+#include "json/Json.h"
 #include <thread>
 #include <vector>
 
@@ -45,7 +45,7 @@
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
-using json = nlohmann::ordered_json;
+using json = Json;
 using Clock = std::chrono::steady_clock;
 
 extern char** environ;

@@ -7,7 +7,7 @@
 
 namespace {
 
-std::optional<std::string> stringMember(const nlohmann::ordered_json& object, const char* name) {
+std::optional<std::string> stringMember(const Json& object, const char* name) {
     auto it = object.find(name);
     if (it == object.end() || !it->is_string()) return std::nullopt;
     return it->get<std::string>();
@@ -32,7 +32,7 @@ bool HandoverReply::isUUID(const std::string& text) {
     return true;
 }
 
-HandoverReply HandoverReply::validated(const nlohmann::ordered_json& reply) {
+HandoverReply HandoverReply::validated(const Json& reply) {
     auto ok = reply.find("ok");
     if (ok == reply.end() || !ok->is_boolean() || !ok->get<bool>()) {
         throw BridgeError(stringMember(reply, "error").value_or("Vantoric Studio refused the connection."));

@@ -3,7 +3,7 @@
 // message, and only a reply that names loopback addresses and a long enough
 // token yields endpoints. Pure; any thread.
 #pragma once
-#include <nlohmann/json.hpp>
+#include "json/Json.h"
 #include <string>
 
 #include "peer/URL.h"
@@ -17,7 +17,7 @@ struct HandoverReply {
     std::string token;
 
     // Throws BridgeError.
-    static HandoverReply validated(const nlohmann::ordered_json& reply);
+    static HandoverReply validated(const Json& reply);
     // 8-4-4-4-12 hexadecimal digits, either case.
     static bool isUUID(const std::string& text);
 };

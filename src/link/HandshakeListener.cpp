@@ -38,7 +38,7 @@ struct HandshakeListener::Network {
 std::shared_ptr<HandshakeListener> HandshakeListener::create(asio::any_io_executor executor, const std::string& nonce,
                                                              std::string_view hello, std::filesystem::path app,
                                                              VerifyPeer verifyPeer) {
-    nlohmann::ordered_json greeting = {{"hello", hello}, {"v", 3}, {"nonce", nonce}};
+    Json greeting = {{"hello", hello}, {"v", 3}, {"nonce", nonce}};
     std::string line = greeting.dump() + "\n";
     return std::shared_ptr<HandshakeListener>(
         new HandshakeListener(std::move(executor), std::move(line), std::move(app), std::move(verifyPeer)));
@@ -207,7 +207,7 @@ void HandshakeListener::stop() {
     finishReplies();
 }
 
-asio::awaitable<nlohmann::ordered_json> HandshakeListener::reply(std::chrono::steady_clock::duration timeout) {
+asio::awaitable<Json> HandshakeListener::reply(std::chrono::steady_clock::duration timeout) {
     auto self = shared_from_this();
     auto watchdog = std::make_shared<asio::steady_timer>(network_->strand, timeout);
     std::weak_ptr<HandshakeListener> weak = self;
@@ -225,10 +225,9 @@ asio::awaitable<nlohmann::ordered_json> HandshakeListener::reply(std::chrono::st
                 throw BridgeError("Vantoric Studio did not answer. Open Studio, then call this tool again.");
             cancellation::raise();
         }
-        auto value = nlohmann::ordered_json::parse(line, nullptr, false);
-        if (!value.is_discarded() && value.is_object()) {
+        if (auto value = parseObject(line)) {
             cancelWatchdog();
-            co_return value;
+            co_return std::move(*value);
         }
     }
 }

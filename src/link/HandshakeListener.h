@@ -20,7 +20,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <nlohmann/json.hpp>
+#include "json/Json.h"
 #include <string>
 #include <string_view>
 
@@ -44,7 +44,7 @@ public:
     // The first reply line that is a JSON object. Stops the listener when
     // `timeout` passes first; when the replies end without one, throws
     // BridgeError "Vantoric Studio did not answer. ...".
-    boost::asio::awaitable<nlohmann::ordered_json> reply(std::chrono::steady_clock::duration timeout);
+    boost::asio::awaitable<Json> reply(std::chrono::steady_clock::duration timeout);
 
     // A verified Studio connected (stays true after stop()).
     bool contacted() const;

@@ -325,7 +325,7 @@ asio::awaitable<Link> StudioConnection::establish() {
 
 namespace {
 
-std::optional<std::string> stringMember(const nlohmann::ordered_json& object, const char* name) {
+std::optional<std::string> stringMember(const Json& object, const char* name) {
     if (!object.is_object()) return std::nullopt;
     auto it = object.find(name);
     if (it == object.end() || !it->is_string()) return std::nullopt;
@@ -334,12 +334,12 @@ std::optional<std::string> stringMember(const nlohmann::ordered_json& object, co
 
 }  // namespace
 
-asio::awaitable<StudioConnection::Forwarded> StudioConnection::forward(nlohmann::ordered_json arguments,
+asio::awaitable<StudioConnection::Forwarded> StudioConnection::forward(Json arguments,
                                                                        std::string tool) {
     auto self = shared_from_this();
     Link link = co_await connect();
     int64_t id = ++nextId_;
-    nlohmann::ordered_json body = {{"jsonrpc", "2.0"},
+    Json body = {{"jsonrpc", "2.0"},
                                    {"id", id},
                                    {"method", "tools/call"},
                                    {"params", {{"name", tool}, {"arguments", std::move(arguments)}}}};
@@ -352,8 +352,13 @@ asio::awaitable<StudioConnection::Forwarded> StudioConnection::forward(nlohmann:
     HttpResponse response = co_await session_->send(std::move(request));
     if (response.status != 200)
         throw BridgeError("Vantoric Studio answered with HTTP " + std::to_string(response.status) + ".");
-    auto reply = nlohmann::ordered_json::parse(response.body, nullptr, false);
-    if (reply.is_discarded() || !reply.is_object()) throw BridgeError("Vantoric Studio answered with HTTP 200.");
+    // Deeper JSON than the agent may send is refused before it is built:
+    // checking, copying and writing a value recurse.
+    if (!nestsWithinReadingDepth(response.body))
+        throw BridgeError("Vantoric Studio answered with JSON nested too deeply.");
+    auto parsed = parseObject(response.body);
+    if (!parsed) throw BridgeError("Vantoric Studio answered with HTTP 200.");
+    Json reply = std::move(*parsed);
     auto result = reply.find("result");
     if (result != reply.end() && result->is_object()) co_return Forwarded{std::move(*result), {}};
     auto error = reply.find("error");
@@ -373,8 +378,7 @@ asio::awaitable<std::string> StudioConnection::upload(fs::path file, Link link, 
                         {{"Authorization", "Bearer " + link.token}, {"Content-Type", "application/octet-stream"}},
                         {}};
     HttpResponse response = co_await session_->sendFile(std::move(request), file, std::move(progress));
-    auto reply = nlohmann::ordered_json::parse(response.body, nullptr, false);
-    if (reply.is_discarded() || !reply.is_object()) reply = nlohmann::ordered_json::object();
+    Json reply = parseObject(response.body).value_or(Json::object());
     if (response.status == 201) {
         if (auto id = stringMember(reply, "uploadId")) co_return *id;
     }

@@ -23,7 +23,7 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
+#include "json/Json.h"
 #include <optional>
 #include <string>
 
@@ -82,7 +82,7 @@ public:
     // Studio's answer to a forwarded call: its tool result object, or the
     // message of a refusal (which the server makes an error-flagged result).
     struct Forwarded {
-        std::optional<nlohmann::ordered_json> result;
+        std::optional<Json> result;
         std::string refusal;
     };
 
@@ -99,7 +99,7 @@ public:
     ~StudioConnection();
 
     boost::asio::awaitable<Link> connect();
-    boost::asio::awaitable<Forwarded> forward(nlohmann::ordered_json arguments, std::string tool);
+    boost::asio::awaitable<Forwarded> forward(Json arguments, std::string tool);
     // Called on the strand as an upload's bytes go out: bytes sent so far,
     // and the file's size.
     using UploadProgress = std::function<void(uint64_t sent, uint64_t total)>;

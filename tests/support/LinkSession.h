@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
+#include "json/Json.h"
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,7 +19,7 @@
 
 namespace testsupport {
 
-using json = nlohmann::ordered_json;
+using json = Json;
 using namespace std::chrono_literals;
 
 std::filesystem::path bundle();

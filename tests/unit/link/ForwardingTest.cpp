@@ -16,7 +16,7 @@
 
 using namespace linktest;
 namespace fs = std::filesystem;
-using json = nlohmann::ordered_json;
+using json = Json;
 
 namespace {
 
@@ -108,6 +108,15 @@ TEST_F(ForwardedCall, BodyThatIsNotAJsonObjectIsAnHttp200Failure) {
     EXPECT_EQ(forwardFailure(), "Vantoric Studio answered with HTTP 200.");
     answer(200, "[1,2]");
     EXPECT_EQ(forwardFailure(), "Vantoric Studio answered with HTTP 200.");
+    // A NUL ends nlohmann's input: what stands before it must not pass.
+    answer(200, std::string(R"({"result":{}})") + '\0' + "garbage");
+    EXPECT_EQ(forwardFailure(), "Vantoric Studio answered with HTTP 200.");
+}
+
+TEST_F(ForwardedCall, AnswerNestedDeeperThanTheAgentMaySendIsRefusedNotFollowed) {
+    const size_t depth = 100000;
+    answer(200, R"({"result":{"deep":)" + std::string(depth, '[') + std::string(depth, ']') + "}}");
+    EXPECT_EQ(forwardFailure(), "Vantoric Studio answered with JSON nested too deeply.");
 }
 
 TEST_F(ForwardedCall, StudiosRefusalsComeBackAsMessages) {

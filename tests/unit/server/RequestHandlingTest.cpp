@@ -4,11 +4,40 @@
 
 using namespace testsupport;
 
-TEST(ReceivingLines, NestingBeyondTheReadersDepthIsAParseError) {
+TEST(ReceivingLines, LinesThatAreNotWholeJSONAreParseErrors) {
+    const std::string ping = request(1, "ping");
+    const std::vector<std::string> lines = {
+        // Nesting beyond the reader's depth: refused before any tree is built.
+        R"({"jsonrpc":"2.0","id":1,"method":"ping","params":{"deep":)" + std::string(100000, '[') +
+            std::string(100000, ']') + "}}",
+        // A NUL ends the text for the parser, which would answer the ping.
+        ping + std::string(1, '\0') + "trailing",
+        ping.substr(0, ping.size() - 1) + std::string(1, '\0') + "}",
+    };
+    for (const auto& line : lines) {
+        BridgeHarness harness;
+        harness.receive(line);
+        EXPECT_EQ(harness.reply()["error"]["code"], -32700) << line.substr(0, 60);
+    }
+}
+
+TEST(ReceivingLines, AnObjectOfAnyWidthIsReadInOneLinearPass) {
+    // Members found by linear search made this line take minutes, holding
+    // the ping behind it.
+    std::string wide = R"({"jsonrpc":"2.0","id":1,"method":"ping","params":{)";
+    for (int i = 0; i < 200000; ++i) wide += (i ? ",\"m" : "\"m") + std::to_string(i) + "\":" + std::to_string(i);
+    wide += R"(,"m7":"again"}})";
     BridgeHarness harness;
-    harness.receive(R"({"jsonrpc":"2.0","id":1,"method":"ping","params":{"deep":)" + std::string(100000, '[') +
-                    std::string(100000, ']') + "}}");
-    EXPECT_EQ(harness.reply()["error"]["code"], -32700);
+    harness.receive({wide, request(2, "ping")});
+    auto replies = harness.replies();
+    ASSERT_EQ(replies.size(), 2u);
+    EXPECT_EQ(replies[0]["result"], Json::object());
+    EXPECT_EQ(replies[1]["id"], 2);
+    auto members = Json::parse(wide)["params"];
+    EXPECT_EQ(members.size(), 200000u);
+    EXPECT_EQ(members["m7"], "again");  // a repeated member: the last one holds
+    EXPECT_EQ(members.begin().key(), "m0");
+    EXPECT_EQ(members["m199999"], 199999);
 }
 
 TEST(ReceivingLines, BatchElementsAreAnsweredOneLineEach) {
