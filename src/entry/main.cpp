@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,10 +17,14 @@
 #include <thread>
 #include <vector>
 
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
 #include <boost/asio/io_context.hpp>
 
 #include "installer/BridgeInstaller.h"
+#include "link/DownloadFile.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
 #include "platform/Log.h"
@@ -82,13 +87,40 @@ int main(int argc, char** argv) {
                                           writeToStandardOutput, timing);
     if (!app) platform::log("Vantoric Studio was not found; set VANTORIC_STUDIO_APP.");
 
+    // The run ends at the end of input or at SIGINT, SIGTERM or SIGHUP
+    // (the agents stop their servers with these), whichever comes first,
+    // and the same way: no new link, everything in flight cancelled, at
+    // most the drain's wait. A signal during that exits at once. Either way
+    // no download leaves its temporary file behind.
     auto work = boost::asio::make_work_guard(context);
-    std::thread reader = startInputLoop(STDIN_FILENO, bridge, [&] {
-        work.reset();
-        context.stop();
-    });
+    bool ending = false;  // I/O thread only
+    auto end = [&] {
+        if (ending) return;
+        ending = true;
+        boost::asio::co_spawn(bridge->strand(), bridge->drain(), [&](std::exception_ptr) {
+            work.reset();
+            context.stop();
+        });
+    };
+    boost::asio::signal_set signals(context, SIGINT, SIGTERM, SIGHUP);
+    std::function<void(const boost::system::error_code&, int)> onSignal = [&](const boost::system::error_code& ec,
+                                                                              int signal) {
+        if (ec) return;
+        if (ending) {
+            removeUnfinishedDownloads();
+            std::exit(128 + signal);
+        }
+        end();
+        signals.async_wait(onSignal);
+    };
+    signals.async_wait(onSignal);
+
+    std::thread reader = startInputLoop(STDIN_FILENO, bridge, [&] { boost::asio::post(context, end); });
     context.run();
-    reader.join();
-    // Requests still running after the drain are abandoned, not awaited.
+    removeUnfinishedDownloads();
+    // After a signal the reader may still wait for input that never comes;
+    // it holds nothing that must be released. Requests still running after
+    // the drain are abandoned, not awaited.
+    reader.detach();
     std::exit(0);
 }

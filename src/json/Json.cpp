@@ -1,5 +1,7 @@
 #include "json/Json.h"
 
+#include "jsonc/UTF8.h"
+
 namespace {
 
 // Counting brackets outside strings is exact for valid JSON, and invalid
@@ -56,4 +58,45 @@ std::optional<Json> parseObject(std::string_view text) {
     auto value = parseJSON(text);
     if (!value || !value->is_object()) return std::nullopt;
     return value;
+}
+
+std::string displayable(std::string_view bytes) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(bytes.size());
+    auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+    auto* end = p + bytes.size();
+    while (p < end) {
+        auto sequence = utf8::sequenceAt(p, end);
+        if (sequence.wellFormed && *p != 0) {
+            out.append(reinterpret_cast<const char*>(p), sequence.length);
+        } else {
+            for (std::size_t i = 0; i < sequence.length; ++i) {
+                out += "\\x";
+                out += hex[p[i] >> 4];
+                out += hex[p[i] & 0xF];
+            }
+        }
+        p += sequence.length;
+    }
+    return out;
+}
+
+Json displayableCopy(const Json& value) {
+    switch (value.type()) {
+    case Json::value_t::string:
+        return displayable(value.get_ref<const std::string&>());
+    case Json::value_t::array: {
+        Json copy = Json::array();
+        for (const auto& element : value) copy.push_back(displayableCopy(element));
+        return copy;
+    }
+    case Json::value_t::object: {
+        Json copy = Json::object();
+        for (const auto& [name, member] : value.items()) copy[displayable(name)] = displayableCopy(member);
+        return copy;
+    }
+    default:
+        return value;
+    }
 }

@@ -18,6 +18,7 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <string>
 #include <stdexcept>
 #include <string_view>
 #include <unordered_map>
@@ -155,3 +156,15 @@ std::optional<Json> parseJSON(std::string_view text);
 
 // The object a JSON text holds, or nothing.
 std::optional<Json> parseObject(std::string_view text);
+
+// Bytes as text anyone can read back: well-formed UTF-8 as it is, and each
+// byte of an ill-formed sequence, and NUL (which ends a C string), as
+// "\xNN", so that a path that is not
+// UTF-8 (a folder named in Latin-1, say) is still shown in a form the user
+// can find it by, where U+FFFD would lose it.
+std::string displayable(std::string_view bytes);
+
+// The value with every string and member name made displayable; a value
+// whose strings are all UTF-8 comes back equal. Values the bridge holds nest
+// no deeper than maximumDepth, which bounds the recursion.
+Json displayableCopy(const Json& value);

@@ -1,5 +1,7 @@
 #include "link/HttpSession.h"
 
+#include "link/BlockingWork.h"
+
 #include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
@@ -38,6 +40,9 @@ struct Connection {
     explicit Connection(asio::any_io_executor executor) : stream(executor) {}
     beast::tcp_stream stream;
     beast::flat_buffer buffer;
+    // Set when the request could not be sent whole: the answer may be read,
+    // but the connection is good for nothing else.
+    bool spoiled = false;
 };
 
 const boost::system::error_category& httpCategory() {
@@ -56,12 +61,6 @@ const boost::system::error_category& httpCategory() {
     if (ec.category() == httpCategory())
         throw TransportError("Vantoric Studio sent a malformed HTTP answer (" + ec.message() + ").");
     throw TransportError("The connection to Vantoric Studio failed: " + ec.message() + ".");
-}
-
-// Errors that mean a kept-alive connection was already dead when reused.
-bool staleConnection(error_code ec) {
-    return ec == asio::error::eof || ec == http::error::end_of_stream || ec == asio::error::connection_reset ||
-           ec == asio::error::broken_pipe || ec == asio::error::not_connected;
 }
 
 // Studio closed an idle connection when the socket reads as ended (or
@@ -123,6 +122,7 @@ struct HttpSession::Pool {
     }
 
     void release(const URL& url, std::unique_ptr<Connection> connection) {
+        if (connection->spoiled) return;
         auto& spare = idle[url.authority()];
         if (spare.size() < idlePerHost) spare.push_back(std::move(connection));
     }
@@ -223,9 +223,12 @@ constexpr size_t downloadPiece = 1 << 20;
 class SourceFile {
 public:
     explicit SourceFile(const std::filesystem::path& path) : path_(path) {
-        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        // Without blocking: a named pipe or a device in place of the file
+        // would otherwise hold the open until someone writes to it.
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
         struct stat info {};
         if (fd_ < 0 || ::fstat(fd_, &info) != 0) fail(errno);
+        if (!S_ISREG(info.st_mode)) throw FileReadError("Cannot read " + path.string() + ".");
         size_ = static_cast<uint64_t>(info.st_size);
         ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
     }
@@ -281,6 +284,19 @@ asio::awaitable<error_code> writable(Connection& connection, std::chrono::steady
     co_return ec;
 }
 
+// Studio may refuse an upload before reading its body (too large, a bad
+// name) and close: the refusal is then waiting to be read, and it is what
+// the agent must hear, not the broken pipe it caused.
+template <class Parser>
+asio::awaitable<std::pair<error_code, bool>> answeredEarly(Connection& connection, error_code failure,
+                                                           std::optional<Parser>& parser) {
+    connection.spoiled = true;
+    if (failure == asio::error::operation_aborted || failure == beast::error::timeout) co_return std::pair{failure, false};
+    auto [read, got] = co_await readFinalHeader(connection, parser, stringBodyLimit, std::chrono::seconds(1));
+    if (read) co_return std::pair{failure, false};
+    co_return std::pair{read, got};
+}
+
 // The header, then the file's bytes, then the answer's header; the same
 // shape of outcome as writeThenReadHeader. The bytes go from the page cache
 // to the socket by sendfile; a file that sendfile cannot read is read into
@@ -322,7 +338,7 @@ asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection&
                 continue;
             }
             if (error == EPIPE || error == ECONNRESET || error == ENOTCONN)
-                co_return std::pair{error_code(error, boost::system::system_category()), false};
+                co_return co_await answeredEarly(connection, error_code(error, boost::system::system_category()), parser);
             source.fail(error);
         }
         if (piece.empty()) piece.resize(uploadPiece);
@@ -330,7 +346,7 @@ asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection&
         connection.stream.expires_after(timeout);
         auto [ec, m] = co_await asio::async_write(connection.stream, asio::buffer(piece.data(), got),
                                                   asio::as_tuple(asio::use_awaitable));
-        if (ec) co_return std::pair{ec, false};
+        if (ec) co_return co_await answeredEarly(connection, ec, parser);
         offset += got;
         if (sent) sent(offset, source.size());
     }
@@ -342,7 +358,7 @@ asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection&
 asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::filesystem::path file, Sent sent) {
     // Opened before any connection is made: a file that cannot be read
     // costs Studio nothing.
-    std::optional<SourceFile> source(std::in_place, file);
+    auto source = co_await blocking::run([&file] { return std::make_unique<SourceFile>(file); });
     std::vector<char> piece;
     http::request<http::empty_body> message;
     std::optional<http::response_parser<http::string_body>> parser;
@@ -355,7 +371,7 @@ asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::fi
     co_return co_await pool_->finish(request.url, std::move(connection), *parser);
 }
 
-asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, std::function<int()> open) {
+asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, FileSink& sink) {
     http::request<http::empty_body> message;
     prepare(message, request);
     message.prepare_payload();
@@ -369,76 +385,30 @@ asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, s
     int status = static_cast<int>(header->get().result_int());
     // Any other answer's body is of no use; the connection goes with it.
     if (status != wanted) co_return status;
+    co_await sink.open();
 
-    // The descriptor is ours from here on.
-    struct Destination {
-        int fd;
-        ~Destination() { ::close(fd); }
-        void write(const char* data, size_t size) const {
-            while (size > 0) {
-                ssize_t n = ::write(fd, data, size);
-                if (n < 0 && errno == EINTR) continue;
-                if (n <= 0)
-                    throw TransportError(std::string("Could not write the downloaded file: ") +
-                                         std::strerror(n < 0 ? errno : EIO) + ".");
-                data += n;
-                size -= static_cast<size_t>(n);
-            }
-        }
-    } destination{open()};
-
-    auto& head = *header;
-    if (!head.chunked() && head.content_length()) {
-        // A body of known length goes from the socket to the file in large
-        // reads, without a parser in between: the part that came with the
-        // header first, then the rest.
-        uint64_t remaining = *head.content_length();
-        auto early = connection->buffer.data();
-        size_t taken = static_cast<size_t>(std::min<uint64_t>(early.size(), remaining));
-        destination.write(static_cast<const char*>(early.data()), taken);
-        connection->buffer.consume(taken);
-        remaining -= taken;
-        std::vector<char> piece(static_cast<size_t>(std::min<uint64_t>(downloadPiece, remaining)));
-        while (remaining > 0) {
-            connection->stream.expires_after(pool_->timeout);
-            size_t want = static_cast<size_t>(std::min<uint64_t>(piece.size(), remaining));
-            auto [ec, n] = co_await connection->stream.async_read_some(asio::buffer(piece.data(), want),
-                                                                       asio::as_tuple(asio::use_awaitable));
-            if (ec == asio::error::eof) ec = http::error::partial_message;
-            if (ec) throwTransport(ec);
-            destination.write(piece.data(), n);
-            remaining -= n;
-        }
-        bool keep = head.keep_alive() && connection->buffer.size() == 0;
-        if (keep) pool_->release(request.url, std::move(connection));
-        co_return status;
-    }
-
-    // Chunked, or up to the end of the connection: the parser frames it.
-    http::response_parser<http::file_body> parser(std::move(*header));
+    // The parser frames the body (a length, chunks, or up to the end of the
+    // connection) into a piece of our own, which goes to the sink whole
+    // before the next is read.
+    http::response_parser<http::buffer_body> parser(std::move(*header));
     parser.body_limit(boost::none);
-    beast::file_posix file;
-    file.native_handle(::dup(destination.fd));
-    error_code adopted;
-    parser.get().body().reset(std::move(file), adopted);
-    if (adopted) throwTransport(adopted);
-    // Beast reads no more than the buffer has room for.
-    connection->buffer.reserve(1 << 16);
-    for (;;) {
-        connection->stream.expires_after(pool_->timeout);
-        auto [ec, n] = co_await http::async_read_some(connection->stream, connection->buffer, parser,
-                                                      asio::as_tuple(asio::use_awaitable));
-        if (ec) {
-            bool network = ec == asio::error::operation_aborted || ec == beast::error::timeout || staleConnection(ec) ||
-                           ec.category() == httpCategory();
-            // Anything else came from writing the file (a full disk, say).
-            if (!network) throw TransportError("Could not write the downloaded file: " + ec.message() + ".");
-            throwTransport(ec);
+    std::vector<char> piece(downloadPiece);
+    while (!parser.is_done()) {
+        auto& body = parser.get().body();
+        body.data = piece.data();
+        body.size = piece.size();
+        // A whole piece per write: the sink's writes cost a thread hop each.
+        while (body.size > 0 && !parser.is_done()) {
+            connection->stream.expires_after(pool_->timeout);
+            auto [ec, n] = co_await http::async_read_some(connection->stream, connection->buffer, parser,
+                                                          asio::as_tuple(asio::use_awaitable));
+            if (ec == http::error::need_buffer) ec = {};
+            if (ec) throwTransport(ec);
         }
-        if (parser.is_done()) break;
+        size_t got = piece.size() - body.size;
+        if (got > 0) co_await sink.write(piece.data(), got);
     }
     bool keep = parser.get().keep_alive() && connection->buffer.size() == 0;
-    parser.get().body().close();
     if (keep) pool_->release(request.url, std::move(connection));
     co_return status;
 }

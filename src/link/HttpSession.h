@@ -5,8 +5,9 @@
 // twice: calls and uploads are not idempotent, so a failure after the first
 // byte went out is the caller's. Interim 1xx answers are read past. Every
 // wait has a deadline (600 seconds unless told otherwise).
-// Bodies can come from a file and go to a file descriptor, so nothing large
-// sits in memory.
+// Bodies can come from a file and go to a sink, so nothing large sits in
+// memory; a file that is sent is opened off the I/O thread, without
+// blocking, and only when it is a regular file.
 //
 // Owned by the bridge and used only from its strand (the executor given at
 // construction); several exchanges may be in flight at once. Transport
@@ -71,11 +72,18 @@ public:
     // read meanwhile fails the exchange with FileReadError and its
     // connection, which Studio then sees cut short.
     boost::asio::awaitable<HttpResponse> sendFile(HttpRequest request, std::filesystem::path file, Sent sent = {});
-    // The request; when the status is `wanted`, `open` is called for a
-    // descriptor (which the session then owns and closes) and the body is
-    // written to it as it arrives. Returns the status either way; any other
-    // status leaves `open` uncalled and the body unread.
-    boost::asio::awaitable<int> receiveFile(HttpRequest request, int wanted, std::function<int()> open);
+    // Where a received body goes, in order: `open` once the status is the
+    // wanted one, then `write` for each piece as it arrives (the piece's
+    // bytes stay valid until `write` has returned).
+    struct FileSink {
+        virtual ~FileSink() = default;
+        virtual boost::asio::awaitable<void> open() = 0;
+        virtual boost::asio::awaitable<void> write(const char* data, std::size_t size) = 0;
+    };
+    // The request; when the status is `wanted`, the body goes to `sink` as
+    // it arrives. Returns the status either way; any other status leaves
+    // the sink unopened and the body unread.
+    boost::asio::awaitable<int> receiveFile(HttpRequest request, int wanted, FileSink& sink);
 
     // Connections opened and reused so far, for tests and benchmarks.
     struct Counters {

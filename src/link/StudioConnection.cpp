@@ -1,5 +1,8 @@
 #include "link/StudioConnection.h"
 
+#include "link/BlockingWork.h"
+#include "link/DownloadFile.h"
+
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -338,17 +341,26 @@ asio::awaitable<StudioConnection::Forwarded> StudioConnection::forward(Json argu
                                                                        std::string tool) {
     auto self = shared_from_this();
     Link link = co_await connect();
-    int64_t id = ++nextId_;
     Json body = {{"jsonrpc", "2.0"},
-                                   {"id", id},
-                                   {"method", "tools/call"},
-                                   {"params", {{"name", tool}, {"arguments", std::move(arguments)}}}};
+                 {"id", nextId_ + 1},
+                 {"method", "tools/call"},
+                 {"params", {{"name", tool}, {"arguments", std::move(arguments)}}}};
+    std::string text;
+    try {
+        text = body.dump();
+    } catch (const Json::type_error&) {
+        // JSON carries only UTF-8; a path of other bytes cannot be named to
+        // Studio at all.
+        throw BridgeError("This call names a path that is not valid UTF-8, which Vantoric Studio cannot read. "
+                          "Rename or move it, then try again.");
+    }
+    ++nextId_;
     HttpRequest request{"POST",
                         link.endpoint,
                         {{"Authorization", "Bearer " + link.token},
                          {"Content-Type", "application/json"},
                          {"Accept", "application/json, text/event-stream"}},
-                        body.dump()};
+                        std::move(text)};
     HttpResponse response = co_await session_->send(std::move(request));
     if (response.status != 200)
         throw BridgeError("Vantoric Studio answered with HTTP " + std::to_string(response.status) + ".");
@@ -388,34 +400,28 @@ asio::awaitable<std::string> StudioConnection::upload(fs::path file, Link link, 
 
 namespace {
 
-// The download's bytes, in a file beside the destination until they are
-// whole; removed on every way out unless moved into place.
-class TemporaryFile {
+// A download's bytes on their way to the agent's path, written off the I/O
+// thread; an unfinished file is removed off it as well.
+class DownloadSink : public HttpSession::FileSink {
 public:
-    ~TemporaryFile() {
-        if (!path.empty()) ::unlink(path.c_str());
-    }
-    // Opens a new file in `folder`, readable by all as the result will be.
-    int create(const fs::path& folder, std::string name) {
-        // The name's first bytes are enough to tell whose it is; the whole
-        // of a long name would not fit beside the suffix.
-        if (name.size() > 200) name.resize(200);
-        std::string pattern = (folder / ("." + name + ".download-XXXXXX")).string();
-        int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
-        if (fd < 0) throw fs::filesystem_error("Could not create a file", folder, std::error_code(errno, std::generic_category()));
-        path = pattern;
-        ::fchmod(fd, 0644);  // a failure only leaves it private
-        return fd;
-    }
-    fs::path path;
-};
+    DownloadSink(fs::path destination, bool overwrite) : destination_(std::move(destination)), overwrite_(overwrite) {}
+    ~DownloadSink() override { blocking::discard(std::move(file_)); }
 
-[[noreturn]] void throwExisting(const fs::path& destination) {
-    std::error_code ec;
-    if (fs::is_directory(destination, ec))
-        throw BridgeError(destination.string() + " is a folder: name a file to export to.");
-    throw BridgeError(destination.string() + " already exists.");
-}
+    asio::awaitable<void> open() override {
+        file_ = co_await blocking::run([this] { return DownloadFile::create(destination_, overwrite_); });
+    }
+    asio::awaitable<void> write(const char* data, std::size_t size) override {
+        co_await blocking::run([this, data, size] { file_->write(data, size); });
+    }
+    asio::awaitable<void> commit() {
+        co_await blocking::run([this] { file_->commit(); });
+    }
+
+private:
+    fs::path destination_;
+    bool overwrite_;
+    std::unique_ptr<DownloadFile> file_;
+};
 
 }  // namespace
 
@@ -425,40 +431,9 @@ asio::awaitable<void> StudioConnection::download(std::string downloadId, fs::pat
     URL url = link.files.appendingPathComponent("downloads").appendingPathComponent(downloadId);
     HttpRequest request{"GET", url, {{"Authorization", "Bearer " + link.token}}, {}};
 
-    TemporaryFile temporary;
-    fs::path folder = destination.parent_path();
-    auto open = [&]() -> int {
-        fs::create_directories(folder);
-        std::error_code ec;
-        // Refused before the bytes are fetched; checked again before the move.
-        if (fs::is_directory(destination, ec) || (!overwrite && fs::exists(fs::symlink_status(destination, ec))))
-            throwExisting(destination);
-        return temporary.create(folder, destination.filename().string());
-    };
-    int status = co_await session_->receiveFile(std::move(request), 200, open);
+    DownloadSink sink(std::move(destination), overwrite);
+    int status = co_await session_->receiveFile(std::move(request), 200, sink);
     if (status != 200)
         throw BridgeError("Studio could not hand over the export. It is still in the project's exports folder.");
-
-    std::error_code ec;
-    if (fs::is_directory(destination, ec)) throwExisting(destination);
-    // A rename within the folder: atomic, and never a copy of the bytes.
-    unsigned flags = overwrite ? 0 : RENAME_NOREPLACE;
-    if (::renameat2(AT_FDCWD, temporary.path.c_str(), AT_FDCWD, destination.c_str(), flags) != 0) {
-        int error = errno;
-        if (error == EEXIST) throwExisting(destination);
-        if (error == EINVAL && !overwrite) {
-            // A file system without RENAME_NOREPLACE: link() refuses to replace.
-            if (::link(temporary.path.c_str(), destination.c_str()) != 0) {
-                if (errno == EEXIST) throwExisting(destination);
-                throw fs::filesystem_error("Could not move the export into place", destination,
-                                           std::error_code(errno, std::generic_category()));
-            }
-        } else {
-            throw fs::filesystem_error("Could not move the export into place", destination,
-                                       std::error_code(error, std::generic_category()));
-        }
-    } else {
-        temporary.path.clear();
-    }
-    co_return;
+    co_await sink.commit();
 }

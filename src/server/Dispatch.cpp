@@ -3,6 +3,8 @@
 #include <boost/asio/this_coro.hpp>
 
 #include "link/BridgeError.h"
+#include "link/Cancellation.h"
+#include "link/HttpSession.h"
 #include "platform/Log.h"
 #include "server/PathResolution.h"
 #include "server/StudioMCPBridge.h"
@@ -15,6 +17,19 @@ struct Fault {
     int code;
     std::string message;
 };
+
+// What the agent reads for a failed call: our own sentences as they are.
+// A library's text (a wait cut short, a JSON or file-system exception) means
+// nothing to the person behind the agent; it goes to the log, and the agent
+// gets a sentence of ours.
+std::string agentMessage(const std::exception& failure) {
+    if (dynamic_cast<const BridgeError*>(&failure) || dynamic_cast<const TransportError*>(&failure) ||
+        dynamic_cast<const FileReadError*>(&failure))
+        return failure.what();
+    platform::log(std::string("a call failed: ") + failure.what());
+    if (cancellation::is(failure)) return "The call was stopped before Vantoric Studio finished it.";
+    return "The bridge could not carry out this call.";
+}
 
 const std::string* actionIn(const Json& arguments) {
     auto action = arguments.find("action");
@@ -63,10 +78,8 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
                 }
                 try {
                     computed = co_await call(name->get<std::string>(), std::move(arguments), std::move(progress));
-                } catch (const Cancellation&) {
-                    // passes through: no reply
                 } catch (const std::exception& failure) {
-                    computed = toolError(failure.what());
+                    computed = toolError(agentMessage(failure));
                 }
             }
         } else if (method == "resources/list") {

@@ -7,7 +7,6 @@
 #include <semaphore>
 #include <system_error>
 
-#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 
 #include "platform/Log.h"
@@ -100,7 +99,6 @@ std::thread startInputLoop(int fd, std::shared_ptr<StudioMCPBridge> bridge, std:
             splitter.feed(std::string_view(chunk.get(), static_cast<size_t>(n)), lines);
             deliver(bridge, lines);
         }
-        boost::asio::co_spawn(bridge->strand(), bridge->drain(),
-                              [finished = std::move(finished)](std::exception_ptr) { finished(); });
+        finished();
     });
 }

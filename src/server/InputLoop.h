@@ -5,8 +5,8 @@
 // received one after another in arrival order; the thread reads on only when
 // all of them have been received. A carriage return is an ordinary byte;
 // empty lines are skipped; a last line without a line feed is handled at the
-// end of input. Then, or when reading fails (logged), the bridge is drained
-// and `finished` is called on the strand.
+// end of input. Then, or when reading fails (logged), `finished` is called
+// on the reading thread, once every line has been received.
 #pragma once
 #include <functional>
 #include <memory>

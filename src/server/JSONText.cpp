@@ -23,7 +23,13 @@ bool isJSONValue(const Json& value) {
 
 std::string JSONText::text() const {
     if (!isJSONValue(value)) throw BridgeError("Not a JSON value.");
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    try {
+        return value.dump(-1, ' ', false, Json::error_handler_t::strict);
+    } catch (const Json::type_error&) {
+        // Bytes that are not UTF-8, from a path most likely: shown so that
+        // the path can still be found.
+        return displayableCopy(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+    }
 }
 
 std::string compactJSON(const Json& object) { return JSONText{object}.text(); }

@@ -1,5 +1,6 @@
 // Writing the protocol's JSON values as text. Writing never stops on a
-// string that is not valid UTF-8: such bytes are written as U+FFFD. "/" is
+// string that is not valid UTF-8: such bytes are written as "\xNN" (see
+// displayable). "/" is
 // never escaped. Reading is json/Json.h's. Pure functions; any thread.
 #pragma once
 #include <cstddef>

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "link/BlockingWork.h"
 #include "link/BridgeError.h"
 #include "server/StudioMCPBridge.h"
 
@@ -38,9 +39,15 @@ uint64_t sizeOf(const fs::path& file) {
 fs::path StudioMCPBridge::resolveFile(std::string_view path) const {
     fs::path url = resolvePath(path);
     struct stat info {};
+    // A NUL would end the path early for the system and name another file.
+    if (url.native().find('\0') != std::string::npos) throw BridgeError("No file at " + displayable(url.native()) + ".");
     if (::stat(url.c_str(), &info) != 0 || S_ISDIR(info.st_mode)) throw BridgeError("No file at " + url.string() + ".");
+    // Only a regular file has an end: a pipe or a device would be read
+    // forever.
+    if (!S_ISREG(info.st_mode)) throw BridgeError("Cannot read " + url.string() + ".");
     // Opening is the one true test of readability (permissions, ACLs, a
-    // file system that refuses); O_NONBLOCK keeps a pipe from holding us.
+    // file system that refuses); O_NONBLOCK keeps a pipe swapped in from
+    // holding us.
     int fd = ::open(url.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) throw BridgeError("Cannot read " + url.string() + ".");
     ::close(fd);
@@ -52,12 +59,17 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::importMedia(Json arguments, Progres
     if (!paths) co_return toolError("Pass paths: 1 to 20 files on this Mac.");
 
     // Every file is checked before anything is sent.
-    std::vector<fs::path> files;
-    for (const auto& path : *paths) files.push_back(resolveFile(path));
-
-    uint64_t total = 0;
-    if (progress.wanted())
-        for (const auto& file : files) total += sizeOf(file);
+    // Off the I/O thread: a file on a slow share must not hold pings.
+    auto checked = co_await blocking::run([this, &paths] {
+        std::pair<std::vector<fs::path>, uint64_t> out;
+        for (const auto& path : *paths) {
+            out.first.push_back(resolveFile(path));
+            out.second += sizeOf(out.first.back());
+        }
+        return out;
+    });
+    const std::vector<fs::path>& files = checked.first;
+    const uint64_t total = checked.second;
 
     Link link = co_await studio->connect();
     Json uploads = Json::array();
@@ -76,7 +88,8 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::importMedia(Json arguments, Progres
         auto uploading = studio->upload(files[i], link, std::move(told));
         std::string id = co_await std::move(uploading);
         if (progress.wanted()) done += sizeOf(files[i]);
-        uploads.push_back(Json{{"uploadId", std::move(id)}, {"name", std::move(name)}});
+        // The bytes of the name went with the upload; this one is for show.
+        uploads.push_back(Json{{"uploadId", std::move(id)}, {"name", displayable(name)}});
     }
 
     Json forwarded = Json::object();
@@ -103,7 +116,7 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::series(Json arguments, Progress pro
     }
     if (!path) co_return co_await forward(std::move(arguments), "series");
 
-    fs::path file = resolveFile(path->get_ref<const std::string&>());
+    fs::path file = co_await blocking::run([this, path] { return resolveFile(path->get_ref<const std::string&>()); });
     Link link = co_await studio->connect();
     StudioConnection::UploadProgress told;
     if (progress.wanted()) {

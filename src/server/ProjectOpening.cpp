@@ -47,7 +47,7 @@ asio::awaitable<Outcome> handOver(platform::ApplicationLauncher& launcher, fs::p
 
 bool isFolder(const fs::path& path) {
     struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    return path.native().find('\0') == std::string::npos && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 }  // namespace
@@ -58,7 +58,7 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::openProject(Json arguments) {
 
     fs::path folder = resolvePath(path->get_ref<const std::string&>());
     if (!isFolder(folder))
-        co_return toolError("No project at " + folder.string() +
+        co_return toolError("No project at " + displayable(folder.native()) +
                             ". Pass a .vantoric folder, an id from studio_status, or create one.");
     *path = folder.string();
 

@@ -75,6 +75,8 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::exportVideo(Json arguments, Progres
     if (const Json* path = memberOf(arguments, "path"); path && path->is_string()) {
         fs::path url = resolvePath(path->get_ref<const std::string&>());
         if (!PathResolution::isMP4(url)) co_return toolError("path must end in .mp4.");
+        if (url.native().find('\0') != std::string::npos)
+            co_return toolError(displayable(url.native()) + " cannot be saved to: a path cannot hold a NUL byte.");
         const Json* overwrite = memberOf(arguments, "overwrite");
         bool replace = overwrite && overwrite->is_boolean() && overwrite->get<bool>();
         if (existsAt(url) && !replace)

@@ -30,8 +30,8 @@ public:
         bool close = false;             // close the connection after answering
         size_t truncateBodyAt = SIZE_MAX;  // announce the full length, then close after this many bytes
         std::chrono::milliseconds delay{0};
-        std::string before;   // raw bytes ahead of the answer (an interim 1xx)
-        std::string after;    // raw bytes behind the body, which no request asked for
+        std::string before = {};  // raw bytes ahead of the answer (an interim 1xx)
+        std::string after = {};   // raw bytes behind the body, which no request asked for
         bool hangUp = false;  // read the request, act on it, close without a word
     };
 

@@ -93,9 +93,10 @@ std::vector<json> LinkSession::studioEvents(const std::string& event) const {
     return events;
 }
 
-void LinkSession::startBridge() {
+void LinkSession::startBridge(std::filesystem::path workingDirectory) {
+    if (workingDirectory.empty()) workingDirectory = home_.path();
     bridge_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
-        .argv = {bridgeBinary().string()}, .environment = environment_, .workingDirectory = home_.path()});
+        .argv = {bridgeBinary().string()}, .environment = environment_, .workingDirectory = workingDirectory});
     send({{"jsonrpc", "2.0"},
           {"id", "init"},
           {"method", "initialize"},

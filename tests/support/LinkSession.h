@@ -45,7 +45,8 @@ public:
     // The simulator's log events named `event`.
     std::vector<json> studioEvents(const std::string& event) const;
 
-    void startBridge();
+    // The bridge, working in the session's home unless told otherwise.
+    void startBridge(std::filesystem::path workingDirectory = {});
     testsupport::ChildProcess& bridge() { return *bridge_; }
     void send(const json& message);
     // The reply to request `id`, or nothing by the deadline. Replies to other

@@ -389,8 +389,16 @@ struct HttpServer::Impl : std::enable_shared_from_this<Impl> {
         if (!ec) {
             // The body goes straight from the page cache to the socket.
             socket.native_non_blocking(true, ec);
+            // A rate sends a tenth of a second's bytes at a time.
+            std::uint64_t most = config.downloadRate ? std::max<std::uint64_t>(*config.downloadRate / 10, 1) : kSendfileChunk;
+            asio::steady_timer pace(socket.get_executor());
             while (!ec && static_cast<std::uint64_t>(offset) < size) {
-                std::size_t chunk = static_cast<std::size_t>(std::min<std::uint64_t>(kSendfileChunk, size - offset));
+                if (config.downloadRate && offset > 0) {
+                    pace.expires_after(std::chrono::milliseconds(100));
+                    auto [paced] = co_await pace.async_wait(tupled);
+                    if (paced) break;
+                }
+                std::size_t chunk = static_cast<std::size_t>(std::min<std::uint64_t>(most, size - offset));
                 ssize_t sent = ::sendfile(socket.native_handle(), fd, &offset, chunk);
                 if (sent > 0) continue;
                 if (sent < 0 && errno == EINTR) continue;

@@ -91,6 +91,7 @@ SimConfig readConfig() {
     c.uploadStatus = integer<unsigned>(c, "STUDIO_SIM_UPLOAD_STATUS", 100, 599);
     c.uploadError = nonEmpty("STUDIO_SIM_UPLOAD_ERROR");
     c.downloadStatus = integer<unsigned>(c, "STUDIO_SIM_DOWNLOAD_STATUS", 100, 599);
+    c.downloadRate = integer<std::uint64_t>(c, "STUDIO_SIM_DOWNLOAD_RATE", 1024, std::uint64_t(1) << 40);
 
     if (auto s = seconds(c, "STUDIO_SIM_MAX_WAIT")) c.maxWait = millis(*s);
     if (auto bytes = integer<std::uint64_t>(c, "STUDIO_SIM_EXPORT_BYTES", 64, std::uint64_t(1) << 40)) c.exportBytes = *bytes;

@@ -41,6 +41,7 @@ struct SimConfig {
     std::optional<unsigned> uploadStatus;      // STUDIO_SIM_UPLOAD_STATUS
     std::optional<std::string> uploadError;    // STUDIO_SIM_UPLOAD_ERROR
     std::optional<unsigned> downloadStatus;    // STUDIO_SIM_DOWNLOAD_STATUS
+    std::optional<std::uint64_t> downloadRate;  // STUDIO_SIM_DOWNLOAD_RATE, bytes a second
 
     // The project model.
     std::chrono::milliseconds maxWait{2000};  // STUDIO_SIM_MAX_WAIT (seconds)

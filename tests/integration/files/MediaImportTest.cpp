@@ -1,5 +1,7 @@
 // Media import and series imports end to end: the agent's paths, the
 // uploads Studio received, and the calls Studio saw instead of the paths.
+#include <sys/stat.h>
+
 #include "FileSession.h"
 
 using namespace filestest;
@@ -111,4 +113,63 @@ TEST_F(ImportingMedia, SeriesImportSendsOnlyTheUploadInFrom) {
     std::string id = session.studioEvents("upload").at(0)["uploadId"];
     EXPECT_EQ(forwarded[1], json({{"operation", "seriesMediaImport"},
                                   {"params", {{"seriesId", series}, {"from", {{"uploadId", id}}}}}}));
+}
+
+// What is not a regular file is refused before any upload, and a named pipe
+// (whose opening would wait for a writer) holds nothing else up meanwhile.
+// A NUL inside a path once ended it early and uploaded the file before it.
+TEST_F(ImportingMedia, PathsThatNameNoRegularFileAreRefusedWithoutHoldingAnythingUp) {
+    FileSession session;
+    session.start();
+    session.write(session.work() / "a.mov", "a");
+    ASSERT_EQ(::mkfifo((session.work() / "pipe.mov").c_str(), 0644), 0);
+    const std::string nul = std::string("a.mov") + '\0' + ".txt";
+    struct Case {
+        std::string path;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"pipe.mov", "Cannot read " + (session.work() / "pipe.mov").string() + "."},
+        {"/dev/zero", "Cannot read /dev/zero."},
+        {nul, "No file at " + (session.work() / "a.mov\\x00.txt").string() + "."},
+    };
+    int id = 1;
+    for (const auto& [path, message] : cases) {
+        session.send({{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"},
+                      {"params", {{"name", "import_media"}, {"arguments", {{"paths", {path}}}}}}});
+        session.send({{"jsonrpc", "2.0"}, {"id", "ping"}, {"method", "ping"}});
+        EXPECT_TRUE(session.reply("ping", 5s).has_value()) << path;
+        auto refused = session.reply(id++, 5s);
+        ASSERT_TRUE(refused.has_value()) << path;
+        EXPECT_EQ(LinkSession::text((*refused)["result"]), message);
+    }
+    EXPECT_TRUE(session.studioEvents("upload").empty());
+    auto series = session.call(9, "series", {{"operation", "seriesMediaImport"},
+                                              {"params", {{"seriesId", "s"}, {"from", {{"path", "pipe.mov"}}}}}});
+    EXPECT_EQ(LinkSession::text(series), cases[0].message);
+}
+
+// A working folder whose name is not UTF-8 (Latin-1, say): files in it are
+// uploaded and exports saved there, and what the agent reads names the
+// folder in a form it can be found by.
+TEST_F(ImportingMedia, AWorkingFolderNamedInAnotherEncodingStillWorks) {
+    FileSession session(LinkSession::Settings{{"STUDIO_SIM_EXPORT_SECONDS", "0.1"}});
+    session.start();
+    fs::path folder = session.home() / "caf\xE9";
+    session.write(folder / "clip.mov", "clip");
+    fs::create_directories(folder / "Trip.vantoric");
+    session.startBridge(folder);
+
+    auto imported = session.call(1, "import_media", {{"paths", {"clip.mov"}}});
+    ASSERT_FALSE(FileSession::isError(imported)) << imported.dump();
+    EXPECT_EQ(session.studioEvents("upload").at(0)["bytes"], 4);
+
+    auto exported = FileSession::payload(session.call(2, "export_video", {{"path", "out.mp4"}}));
+    EXPECT_TRUE(fs::exists(folder / "out.mp4"));
+    EXPECT_EQ(exported["file"]["savedTo"], (session.home() / "caf\\xE9/out.mp4").string()) << exported.dump();
+
+    auto opened = session.call(3, "project", {{"action", "open"}, {"path", "Trip.vantoric"}});
+    EXPECT_EQ(LinkSession::text(opened),
+              "This call names a path that is not valid UTF-8, which Vantoric Studio cannot read. Rename or move it, "
+              "then try again.");
 }

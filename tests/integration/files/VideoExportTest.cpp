@@ -1,5 +1,10 @@
 // Exports end to end: Studio renders, the bridge waits and copies the video
 // to the agent's path, or says where it will be saved.
+#include <signal.h>
+
+#include <cstring>
+#include <thread>
+
 #include "FileSession.h"
 
 using namespace filestest;
@@ -116,4 +121,59 @@ TEST_F(ExportingVideo, DestinationThatBecameAFolderIsReportedAndNotTriedAgain) {
     EXPECT_FALSE(later["file"].contains("savedTo"));
     EXPECT_EQ(downloadRequests(session), 1u);
     EXPECT_TRUE(fs::is_empty(session.work() / "out.mp4"));
+}
+
+// Agents stop the bridge with a signal (Claude Code SIGINT, Codex and
+// OpenCode SIGTERM), often in the middle of a long copy; a second signal
+// must not wait for the drain. A SIGKILL leaves the temporary file, which
+// the next download into the folder clears away.
+TEST_F(ExportingVideo, AStoppedBridgeLeavesNoPartOfADownloadBehind) {
+    struct Case {
+        std::vector<int> signals;
+        int status;  // -1: ended by either of two signals
+    };
+    const Case cases[] = {{{SIGTERM}, 0}, {{SIGINT}, 0}, {{SIGHUP, SIGTERM}, -1}, {{SIGKILL}, 128 + SIGKILL}};
+    for (const auto& [signals, expected] : cases) {
+        SCOPED_TRACE(signals.size() == 1 ? strsignal(signals[0]) : "a second signal");
+        // 1 GB at 50 MB a second: far from done when the signal comes.
+        FileSession session({{"STUDIO_SIM_EXPORT_SECONDS", "0.1"},
+                             {"STUDIO_SIM_EXPORT_BYTES", "1073741824"},
+                             {"STUDIO_SIM_DOWNLOAD_RATE", "50000000"}});
+        session.start();
+        session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
+                      {"params", {{"name", "export_video"}, {"arguments", {{"path", "cuts/final/out.mp4"}}}}}});
+        auto temporaries = [&] {
+            std::vector<fs::path> found;
+            for (auto& entry : fs::recursive_directory_iterator(session.work()))
+                if (entry.path().filename().string().rfind(".out.mp4.download-", 0) == 0) found.push_back(entry.path());
+            return found;
+        };
+        auto deadline = std::chrono::steady_clock::now() + 20s;
+        while (temporaries().empty() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(2ms);
+        ASSERT_EQ(temporaries().size(), 1u);
+        std::this_thread::sleep_for(200ms);  // bytes are arriving
+
+        for (int signal : signals) session.bridge().kill(signal);
+        auto status = session.bridge().wait(8s);
+        if (expected >= 0)
+            EXPECT_EQ(status, expected);
+        else  // at once, in the second signal's name (whichever Asio hands over second)
+            EXPECT_TRUE(status == 128 + SIGHUP || status == 128 + SIGTERM) << status.value_or(-1);
+        EXPECT_FALSE(fs::exists(session.work() / "cuts"));
+        if (expected != 128 + SIGKILL) {
+            EXPECT_TRUE(temporaries().empty());
+            continue;
+        }
+        // The next download into that folder removes what the killed one
+        // left, as soon as it starts, and leaves its own file alone.
+        ASSERT_EQ(temporaries().size(), 1u);
+        fs::path left = temporaries()[0];
+        session.startBridge();
+        session.send({{"jsonrpc", "2.0"}, {"id", 2}, {"method", "tools/call"},
+                      {"params", {{"name", "export_video"}, {"arguments", {{"path", "out.mp4"}}}}}});
+        deadline = std::chrono::steady_clock::now() + 20s;
+        auto replaced = [&] { return !fs::exists(left) && temporaries().size() == 1; };
+        while (!replaced() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(2ms);
+        EXPECT_TRUE(replaced());
+    }
 }
