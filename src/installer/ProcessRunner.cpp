@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "installer/Text.h"
@@ -24,6 +26,52 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 std::string reason(int error) { return std::strerror(error); }
+
+// The first and the last `keptOutputEnd` bytes of everything appended, and
+// how much there was.
+class KeptOutput {
+public:
+    void append(const char* bytes, std::size_t count) {
+        total_ += count;
+        std::size_t intoHead = std::min(count, keptOutputEnd - head_.size());
+        head_.append(bytes, intoHead);
+        tail_.append(bytes + intoHead, count - intoHead);
+        // Trimmed only when twice the kept size, so that each byte is moved
+        // at most once.
+        if (tail_.size() >= 2 * keptOutputEnd) tail_.erase(0, tail_.size() - keptOutputEnd);
+    }
+
+    // Everything, or the two ends around a line saying what was cut. A
+    // character split by a cut goes whole, so no cut shows up as U+FFFD.
+    std::string text() const {
+        if (total_ <= 2 * keptOutputEnd) return head_ + tail_;
+        std::string_view head = head_;
+        std::string_view tail = std::string_view(tail_).substr(tail_.size() - keptOutputEnd);
+        head = head.substr(0, completeSequencesEnd(head));
+        for (int skipped = 0; skipped < 3 && !tail.empty() && isContinuation(tail.front()); ++skipped) tail.remove_prefix(1);
+        std::size_t cut = total_ - head.size() - tail.size();
+        return std::string(head) + "\n(" + std::to_string(cut) + " bytes cut from the middle of this output)\n" +
+               std::string(tail);
+    }
+
+private:
+    static bool isContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
+
+    // Where the text ends without the start of a UTF-8 sequence whose
+    // remaining bytes were cut off.
+    static std::size_t completeSequencesEnd(std::string_view text) {
+        std::size_t start = text.size();
+        for (int back = 0; back < 3 && start > 0 && isContinuation(text[start - 1]); ++back) --start;
+        if (start == 0) return text.size();
+        unsigned char lead = static_cast<unsigned char>(text[start - 1]);
+        std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+        return text.size() - (start - 1) < length ? start - 1 : text.size();
+    }
+
+    std::string head_;
+    std::string tail_;
+    std::size_t total_ = 0;
+};
 
 // Keeps a descriptor open for exactly as long as this object lives.
 class Descriptor {
@@ -65,7 +113,7 @@ public:
     bool exited() const { return status_.has_value(); }
     int status() const { return *status_; }
     bool outputEnded() const { return outputEnded_; }
-    std::string& data() { return data_; }
+    const KeptOutput& output() const { return kept_; }
 
     // Reads output until the child has ended or the time comes.
     void waitForExit(Clock::time_point until) {
@@ -145,7 +193,7 @@ private:
             n = read(output_, buffer, sizeof buffer);
         } while (n < 0 && errno == EINTR);
         if (n > 0) {
-            data_.append(buffer, static_cast<std::size_t>(n));
+            kept_.append(buffer, static_cast<std::size_t>(n));
         } else if (n == 0 || errno != EAGAIN) {
             outputEnded_ = true;
         }
@@ -156,7 +204,7 @@ private:
     Descriptor exitSignal_;
     std::optional<int> status_;
     bool outputEnded_ = false;
-    std::string data_;
+    KeptOutput kept_;
 };
 
 // posix_spawn's attribute and file-action objects, destroyed on every path.
@@ -232,7 +280,7 @@ CommandResult run(const std::filesystem::path& program, const std::vector<std::s
         note = "\n(stopped after " + std::to_string(static_cast<long long>(seconds)) + " s without an answer)";
     }
     child.drain(Clock::now() + limits.drain);
-    return {status, text::decodedUTF8(child.data()) + note};
+    return {status, text::decodedUTF8(child.output().text()) + note};
 }
 
 }  // namespace BridgeInstaller

@@ -7,15 +7,24 @@
 // passed; every child is reaped before `run` returns.
 #pragma once
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 namespace BridgeInstaller {
 
+// Of a child's output only this much of its beginning and of its end is
+// kept: enough for any answer an agent gives, and a program that prints
+// without end cannot fill our memory.
+inline constexpr std::size_t keptOutputEnd = 64 * 1024;
+
 struct CommandResult {
-    int status = -1;     // the exit status (the signal number when killed); -1: not started or stopped
-    std::string output;  // standard output and error as UTF-8, ill-formed bytes replaced
+    int status = -1;  // the exit status (the signal number when killed); -1: not started or stopped
+    // Standard output and error as UTF-8, ill-formed bytes replaced; beyond
+    // twice `keptOutputEnd`, the middle is replaced by a line saying how
+    // many bytes were cut.
+    std::string output;
 };
 
 // How long a child has to go once asked to stop, and how long its output

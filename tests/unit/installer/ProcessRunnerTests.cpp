@@ -1,5 +1,6 @@
 // The child-process runner against real programs: /bin/sh scripts that
-// print, hang, ignore SIGTERM or leave a grandchild holding the pipe.
+// print without end, hang, ignore SIGTERM or leave a grandchild holding the
+// pipe.
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -34,9 +35,48 @@ TEST(ChildProcessRunner, CollectsBothOutputsInArrivalOrderWithTheStatus) {
     auto result = shell("echo one; echo two >&2; printf three; exit 3");
     EXPECT_EQ(result.status, 3);
     EXPECT_EQ(result.output, "one\ntwo\nthree");
-    EXPECT_EQ(shell("head -c 3000000 /dev/zero | tr '\\0' x").output.size(), 3000000u);
     EXPECT_EQ(shell("printf 'a\\377b\\342\\202c'").output, "a\xEF\xBF\xBD" "b\xEF\xBF\xBD" "c") << "invalid UTF-8 is replaced";
     EXPECT_EQ(shell("kill -9 $$").status, 9) << "a killed child gives its signal number";
+    EXPECT_TRUE(noZombies());
+}
+
+TEST(ChildProcessRunner, LongOutputKeepsItsFirstAndLast64KiBAndSaysHowMuchWasCut) {
+    const std::size_t half = 64 * 1024;
+    auto printed = [](std::size_t count, char c) {
+        return "head -c " + std::to_string(count) + " /dev/zero | tr '\\0' " + c + "; ";
+    };
+    auto cut = [](std::size_t bytes) { return "\n(" + std::to_string(bytes) + " bytes cut from the middle of this output)\n"; };
+    struct Case {
+        std::string script;
+        std::string expected;
+    };
+    std::vector<Case> cases = {
+        {printed(2 * half, 'x'), std::string(2 * half, 'x')},
+        {printed(half, 'a') + "printf m; " + printed(half, 'z'), std::string(half, 'a') + cut(1) + std::string(half, 'z')},
+        {printed(half, 'a') + printed(3'000'000, 'm') + printed(half, 'z'),
+         std::string(half, 'a') + cut(3'000'000) + std::string(half, 'z')},
+        // A character that straddles a cut goes whole, so no cut shows as
+        // U+FFFD.
+        {printed(half - 1, 'a') + "printf '\\303\\251'; " + printed(1000, 'm') + "printf '\\342\\202\\254'; " +
+             printed(half - 1, 'z'),
+         std::string(half - 1, 'a') + cut(1005) + std::string(half - 1, 'z')},
+    };
+    for (const auto& c : cases) {
+        auto result = shell(c.script);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_TRUE(result.output == c.expected) << c.script << "\ngave " << result.output.size() << " bytes, "
+                                                 << result.output.substr(half - 8, 80);
+    }
+}
+
+TEST(ChildProcessRunner, EndlessPrinterIsStoppedWithBoundedOutput) {
+    auto result = shell("exec yes", 0.3);
+    EXPECT_EQ(result.status, -1);
+    EXPECT_LT(result.output.size(), 2 * 64 * 1024 + 200u);
+    EXPECT_EQ(result.output.substr(0, 4), "y\ny\n");
+    EXPECT_NE(result.output.find(" bytes cut from the middle of this output)\n"), std::string::npos);
+    std::string stop = "\n(stopped after 0 s without an answer)";
+    EXPECT_EQ(result.output.substr(result.output.size() - stop.size()), stop);
     EXPECT_TRUE(noZombies());
 }
 
