@@ -117,12 +117,16 @@ public:
 
     // Reads output until the child has ended or the time comes.
     void waitForExit(Clock::time_point until) {
-        while (!reap(false)) {
+        while (!reap()) {
             auto now = Clock::now();
             if (now >= until) return;
             int timeout = millisecondsUntil(until, now);
             if (exitSignal_.get() < 0) timeout = std::min(timeout, 20);
-            pollOnce(timeout, true);
+            if (pollOnce(timeout, true) && !reap()) {
+                // Ended, yet not ours to reap: a tracer holds the remains.
+                // The descriptor would stay readable, so tick instead.
+                exitSignal_.reset();
+            }
         }
     }
 
@@ -139,22 +143,19 @@ public:
         if (!exited()) kill(pid_, number);
     }
 
-    // Blocks until the child is gone; used after SIGKILL, which cannot be
-    // ignored.
-    void reapNow() { reap(true); }
-
 private:
     static int millisecondsUntil(Clock::time_point until, Clock::time_point now) {
         auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();
         return static_cast<int>(std::min<long long>(left, 60'000));
     }
 
-    bool reap(bool block) {
+    // Never blocks: every wait here has a deadline.
+    bool reap() {
         if (status_) return true;
         int raw = 0;
         pid_t got;
         do {
-            got = waitpid(pid_, &raw, block ? 0 : WNOHANG);
+            got = waitpid(pid_, &raw, WNOHANG);
         } while (got < 0 && errno == EINTR);
         if (got == 0) return false;
         if (got < 0) {
@@ -172,18 +173,23 @@ private:
         return true;
     }
 
-    void pollOnce(int timeout, bool watchExit) {
+    // Whether the exit descriptor said the child has ended.
+    bool pollOnce(int timeout, bool watchExit) {
         pollfd fds[2];
         nfds_t count = 0;
-        int outputIndex = -1;
+        int outputIndex = -1, exitIndex = -1;
         if (!outputEnded_) {
             outputIndex = static_cast<int>(count);
             fds[count++] = {output_, POLLIN, 0};
         }
-        if (watchExit && exitSignal_.get() >= 0) fds[count++] = {exitSignal_.get(), POLLIN, 0};
+        if (watchExit && exitSignal_.get() >= 0) {
+            exitIndex = static_cast<int>(count);
+            fds[count++] = {exitSignal_.get(), POLLIN, 0};
+        }
         int ready = poll(fds, count, timeout);
-        if (ready <= 0) return;  // time is up, or a signal: the caller looks again
+        if (ready <= 0) return false;  // time is up, or a signal: the caller looks again
         if (outputIndex >= 0 && fds[outputIndex].revents) readAvailable();
+        return exitIndex >= 0 && fds[exitIndex].revents;
     }
 
     void readAvailable() {
@@ -272,12 +278,16 @@ CommandResult run(const std::filesystem::path& program, const std::vector<std::s
     } else {
         child.signal(SIGTERM);
         child.waitForExit(Clock::now() + limits.grace);
+        std::string whole = std::to_string(static_cast<long long>(seconds));
+        note = "\n(stopped after " + whole + " s without an answer)";
         if (!child.exited()) {
             child.signal(SIGKILL);
-            child.reapNow();
+            // SIGKILL cannot be ignored, but a child stuck in the kernel or
+            // held by a tracer is gone only when they let it go.
+            child.waitForExit(Clock::now() + limits.killed);
+            if (!child.exited()) note = "\n(no answer after " + whole + " s, and it did not end when killed)";
         }
         status = -1;
-        note = "\n(stopped after " + std::to_string(static_cast<long long>(seconds)) + " s without an answer)";
     }
     child.drain(Clock::now() + limits.drain);
     return {status, text::decodedUTF8(child.output().text()) + note};

@@ -4,7 +4,10 @@
 // order), and the temporary folder as its working directory, so that it
 // never mistakes wherever the user happens to stand for a project. The
 // calling thread blocks until the child has ended or the time limit has
-// passed; every child is reaped before `run` returns.
+// passed, and never longer than the limits below allow. Every child is
+// reaped before `run` returns, except one that does not end even when
+// killed (stuck in the kernel, or held by a tracer): that one is left to
+// the system rather than waited for without end.
 #pragma once
 #include <chrono>
 #include <cstddef>
@@ -27,12 +30,14 @@ struct CommandResult {
     std::string output;
 };
 
-// How long a child has to go once asked to stop, and how long its output
-// pipe may stay open after it ended (a grandchild may hold it). Tests
-// shorten them; the installer uses the defaults.
+// How long a child has to go once asked to stop, how long a killed child may
+// take to be gone, and how long its output pipe may stay open after it ended
+// (a grandchild may hold it). Tests shorten them; the installer uses the
+// defaults.
 struct RunLimits {
     std::chrono::milliseconds grace{5000};
     std::chrono::milliseconds drain{2000};
+    std::chrono::milliseconds killed{2000};
 };
 
 // A child that outlives `timeout` seconds is sent SIGTERM, then SIGKILL after

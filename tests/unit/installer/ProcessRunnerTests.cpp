@@ -1,11 +1,16 @@
 // The child-process runner against real programs: /bin/sh scripts that
-// print without end, hang, ignore SIGTERM or leave a grandchild holding the
-// pipe.
+// print without end, hang, ignore SIGTERM, outlive SIGKILL or leave a
+// grandchild holding the pipe.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 
 #include "installer/ProcessRunner.h"
 #include "support/TempDir.h"
@@ -114,6 +119,62 @@ TEST(ChildProcessRunner, ChildIgnoringTerminationIsKilledAfterTheGracePeriod) {
     EXPECT_LT(secondsSince(start), 4);
     EXPECT_EQ(result.status, -1);
     EXPECT_EQ(result.output, "ready\n\n(stopped after 0 s without an answer)");
+    EXPECT_TRUE(noZombies());
+}
+
+namespace {
+
+// A process that traces the process whose pid appears in `pidFile` and then
+// does nothing: a traced child that dies is reported to its tracer, not to
+// its parent, so for its parent it outlives SIGKILL for as long as the tracer
+// lives. The tracer gives up after 20 s, so that a runner that waits without
+// bound still returns in the end.
+pid_t startTracer(const std::string& pidFile) {
+    pid_t tracer = fork();
+    if (tracer != 0) return tracer;
+    alarm(20);
+    for (;;) {
+        int fd = open(pidFile.c_str(), O_RDONLY);
+        if (fd >= 0) {
+            char digits[32];
+            ssize_t n = read(fd, digits, sizeof digits - 1);
+            close(fd);
+            if (n > 0 && digits[n - 1] == '\n') {
+                digits[n] = '\0';
+                if (ptrace(PTRACE_SEIZE, static_cast<pid_t>(std::atol(digits)), nullptr, nullptr) != 0) _exit(1);
+                for (;;) pause();
+            }
+        }
+        usleep(1000);
+    }
+}
+
+}  // namespace
+
+TEST(ChildProcessRunner, ChildThatOutlivesSIGKILLIsGivenUpAfterABoundedWait) {
+    testsupport::TempDir dir;
+    std::string pidFile = (dir.path() / "pid").string();
+    pid_t tracer = startTracer(pidFile);
+    ASSERT_GT(tracer, 0);
+    // Shell built-ins only until it is traced, so that no child's end stops
+    // it early (a traced process stops at each signal it receives); the pid
+    // is written in one write, which the tracer sees whole or not at all.
+    std::string script = "echo $$ > '" + pidFile + "'\n"
+                         "traced() { while read -r key value; do\n"
+                         "  [ \"$key\" = TracerPid: ] && [ \"$value\" != 0 ] && return 0; done < /proc/$$/status; return 1; }\n"
+                         "until traced; do :; done\n"
+                         "echo traced; exec sleep 60\n";
+    RunLimits limits{std::chrono::milliseconds(200), std::chrono::milliseconds(200), std::chrono::milliseconds(300)};
+    auto result = shell(script, 2, limits);
+    EXPECT_EQ(result.status, -1);
+    EXPECT_EQ(result.output, "traced\n\n(no answer after 2 s, and it did not end when killed)");
+    int status;
+    EXPECT_EQ(waitpid(tracer, &status, WNOHANG), 0) << "the runner returned only once the tracer had gone";
+
+    kill(tracer, SIGKILL);
+    waitpid(tracer, &status, 0);
+    pid_t child = static_cast<pid_t>(std::stol(testsupport::readFile(pidFile)));
+    EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(noZombies());
 }
 
