@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -72,6 +73,17 @@ private:
     std::string tail_;
     std::size_t total_ = 0;
 };
+
+// Where the child starts: the user's temporary folder, or /tmp when TMPDIR
+// names no folder. Never our own current folder, which is wherever the user
+// stands and which the agent could take for a project.
+std::string workingFolder() {
+    std::error_code ec;
+    const char* named = std::getenv("TMPDIR");
+    if (named && *named && std::filesystem::is_directory(named, ec)) return named;
+    if (std::filesystem::is_directory("/tmp", ec)) return "/tmp";
+    return "/";
+}
 
 // Keeps a descriptor open for exactly as long as this object lives.
 class Descriptor {
@@ -241,9 +253,8 @@ CommandResult run(const std::filesystem::path& program, const std::vector<std::s
     posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&setup.actions, writeEnd.get(), 1);
     posix_spawn_file_actions_adddup2(&setup.actions, writeEnd.get(), 2);
-    std::error_code ec;
-    auto temporary = std::filesystem::temp_directory_path(ec);
-    if (!ec) posix_spawn_file_actions_addchdir_np(&setup.actions, temporary.c_str());
+    std::string folder = workingFolder();
+    posix_spawn_file_actions_addchdir_np(&setup.actions, folder.c_str());
 
     // The child starts with every signal at its default and none blocked,
     // whatever this process set up for itself.

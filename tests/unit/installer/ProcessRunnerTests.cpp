@@ -85,9 +85,34 @@ TEST(ChildProcessRunner, EndlessPrinterIsStoppedWithBoundedOutput) {
     EXPECT_TRUE(noZombies());
 }
 
-TEST(ChildProcessRunner, ArgumentsWordForWordEmptyInputAndTheTemporaryFolder) {
+TEST(ChildProcessRunner, ArgumentsWordForWordEmptyInput) {
     EXPECT_EQ(run("/usr/bin/printf", {"[%s]", "a b", "$HOME", "'q'", ""}, 10).output, "[a b][$HOME]['q'][]");
-    EXPECT_EQ(shell("cat; pwd").output, fs::canonical(fs::temp_directory_path()).string() + "\n");
+    EXPECT_EQ(shell("cat; echo done").output, "done\n");
+}
+
+TEST(ChildProcessRunner, ChildRunsInTheTemporaryFolderOrInTmpNeverWhereTheUserStands) {
+    testsupport::TempDir dir;
+    fs::path file = dir.write("file", "");
+    const char* saved = std::getenv("TMPDIR");
+    std::optional<std::string> before = saved ? std::optional<std::string>(saved) : std::nullopt;
+    std::string tmp = fs::canonical("/tmp").string() + "\n";
+    std::vector<std::pair<std::optional<std::string>, std::string>> cases = {
+        {dir.path().string(), dir.path().string() + "\n"},
+        {std::nullopt, tmp},
+        {"", tmp},
+        {(dir.path() / "missing").string(), tmp},
+        {file.string(), tmp},
+    };
+    auto here = fs::current_path();
+    fs::current_path(dir.path());
+    for (const auto& [tmpdir, expected] : cases) {
+        if (tmpdir) setenv("TMPDIR", tmpdir->c_str(), 1);
+        else unsetenv("TMPDIR");
+        EXPECT_EQ(shell("pwd -P").output, expected) << "TMPDIR=" << tmpdir.value_or("(unset)");
+    }
+    fs::current_path(here);
+    if (before) setenv("TMPDIR", before->c_str(), 1);
+    else unsetenv("TMPDIR");
 }
 
 TEST(ChildProcessRunner, ProgramThatCannotStartGivesMinusOneAndTheReason) {
