@@ -38,10 +38,16 @@ std::map<std::string, std::vector<OpenCodeEntry>> byFile(const std::vector<OpenC
 // its help, while the plain form writes the global configuration anyway when
 // run outside a project (the runner starts it in the temporary folder); so
 // the plain form is the fallback, and the files say whether it worked.
+// OpenCode gives no sign of its own for an unknown option, so any failure it
+// exits with counts as a refusal. One that hung, was killed or never started
+// is not retried: the plain form would fare no better, and the first answer
+// is the one that says why.
 CommandResult addToOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
     auto added = add(agent, bridge, settings);
-    if (added.status == 0) return added;
-    return run(agent.executable, {"mcp", "add", settings.serverName, "--", bridge.string()}, settings.timeout);
+    if (added.status == 0 || !added.exited) return added;
+    auto plain = run(agent.executable, {"mcp", "add", settings.serverName, "--", bridge.string()}, settings.timeout);
+    if (plain.status != 0) plain.output = added.output + "\nWithout --global:\n" + plain.output;
+    return plain;
 }
 
 }  // namespace

@@ -124,6 +124,7 @@ public:
 
     bool exited() const { return status_.has_value(); }
     int status() const { return *status_; }
+    bool endedOnItsOwn() const { return endedOnItsOwn_; }
     bool outputEnded() const { return outputEnded_; }
     const KeptOutput& output() const { return kept_; }
 
@@ -176,6 +177,7 @@ private:
             status_ = -1;
         } else if (WIFEXITED(raw)) {
             status_ = WEXITSTATUS(raw);
+            endedOnItsOwn_ = true;
         } else if (WIFSIGNALED(raw)) {
             status_ = WTERMSIG(raw);
         } else {
@@ -221,6 +223,7 @@ private:
     int output_;
     Descriptor exitSignal_;
     std::optional<int> status_;
+    bool endedOnItsOwn_ = false;
     bool outputEnded_ = false;
     KeptOutput kept_;
 };
@@ -301,7 +304,7 @@ CommandResult run(const std::filesystem::path& program, const std::vector<std::s
         status = -1;
     }
     child.drain(Clock::now() + limits.drain);
-    return {status, text::decodedUTF8(child.output().text()) + note};
+    return {status, text::decodedUTF8(child.output().text()) + note, child.endedOnItsOwn() && note.empty()};
 }
 
 }  // namespace BridgeInstaller

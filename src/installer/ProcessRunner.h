@@ -28,6 +28,9 @@ struct CommandResult {
     // twice `keptOutputEnd`, the middle is replaced by a line saying how
     // many bytes were cut.
     std::string output;
+    // The program ran and ended on its own with an exit status: it did
+    // start, and it was neither stopped here nor killed by a signal.
+    bool exited = false;
 };
 
 // How long a child has to go once asked to stop, how long a killed child may
