@@ -66,10 +66,14 @@ std::vector<fs::path> openCodeConfigs(const Agent& agent) {
     if (!agent.configFolder) return files;
     for (const char* name : {"opencode.json", "opencode.jsonc"}) {
         fs::path file = *agent.configFolder / name;
-        // A link counts even when it leads nowhere: the user meant it to be
-        // the configuration, and hears that it cannot be read.
+        // A link that leads nowhere is a file that does not exist yet, as it
+        // is for OpenCode, which writes through it. Anything else in the
+        // file's place counts, and is unreadable when it cannot be read (a
+        // folder, a loop of links).
         std::error_code ec;
-        if (fs::exists(fs::symlink_status(file, ec))) files.push_back(file);
+        if (!fs::exists(fs::symlink_status(file, ec))) continue;
+        if (fs::status(file, ec).type() == fs::file_type::not_found) continue;
+        files.push_back(file);
     }
     return files;
 }

@@ -223,15 +223,30 @@ TEST_F(OpenCodeConfig, BrokenFileIsIgnoredUnlessItNamesTheServer) {
     EXPECT_EQ(read("opencode.jsonc"), "{\n  \"mcp\": {\n  }\n}\n");  // the readable file is still cleaned
 }
 
-TEST_F(OpenCodeConfig, FolderOrDanglingLinkInTheFilesPlaceCannotBeRead) {
+TEST_F(OpenCodeConfig, FolderOrLinkLoopInTheFilesPlaceCannotBeRead) {
     fs::create_directories(config("opencode.json"));
-    fs::create_symlink(machine.root() / "gone.jsonc", config("opencode.jsonc"));
+    fs::create_directories(machine.openCodeFolder());
+    fs::create_symlink("opencode.jsonc", config("opencode.jsonc"));
     auto uninstall = machine.run({"uninstall"});
     EXPECT_EQ(uninstall.status, 1);
     EXPECT_EQ(uninstall.output, "OpenCode: could not read " + config("opencode.json").string() + ", could not read " +
                                     config("opencode.jsonc").string() + ".\n" + removeByHand + "\n" + removeByHand + "\n");
     auto json = machine.run({"status", "--json"});
     EXPECT_NE(json.output.find("could not be read as JSON."), std::string::npos);
+}
+
+TEST_F(OpenCodeConfig, DanglingLinkIsAFileThatDoesNotExistYet) {
+    fs::create_directories(machine.openCodeFolder());
+    fs::create_directories(machine.root() / "dotfiles");
+    fs::create_symlink("../../../dotfiles/opencode.jsonc", config("opencode.jsonc"));
+    EXPECT_EQ(machine.run({"status"}).output, "OpenCode: MCP server not added, skill not installed.\n");
+    EXPECT_EQ(machine.run({"uninstall"}).output, "OpenCode: no MCP server to remove.\n");
+    auto install = machine.run({"install"});
+    EXPECT_EQ(install.status, 0);
+    EXPECT_EQ(firstLine(install.output), "OpenCode: Studio's MCP server added, skill installed.");
+    // OpenCode wrote through the link, which stays one.
+    EXPECT_TRUE(fs::is_symlink(config("opencode.jsonc")));
+    EXPECT_TRUE(fs::exists(machine.root() / "dotfiles/opencode.jsonc"));
 }
 
 TEST_F(OpenCodeConfig, ScanReadsOnlyArraysOfStringsAsCommands) {
