@@ -100,10 +100,12 @@ OpenCodeScan openCodeScan(const Agent& agent, const Settings& settings) {
             scan.unreadable.push_back(file);
             continue;
         }
-        std::string decoded = text::decodedUTF8(*contents.bytes);
-        if (auto entries = openCodeEntries(decoded, file, settings.serverName)) {
+        // The bytes as they are: the parser keeps ill-formed UTF-8 outside
+        // strings as it stands and repairs it inside decoded strings.
+        const std::string& text = *contents.bytes;
+        if (auto entries = openCodeEntries(text, file, settings.serverName)) {
             scan.entries.insert(scan.entries.end(), entries->begin(), entries->end());
-        } else if (decoded.find("\"" + settings.serverName + "\"") != std::string::npos) {
+        } else if (text.find("\"" + settings.serverName + "\"") != std::string::npos) {
             // Broken, and about us: guessing could lose the user's entry.
             scan.unreadable.push_back(file);
         }
@@ -117,7 +119,9 @@ std::optional<std::string> editConfig(const fs::path& file, const ConfigEdit& ed
     if (ec) target = file;
     auto contents = files::read(target);
     if (!contents.bytes) return "It could not be read.";
-    auto edited = edit(text::decodedUTF8(*contents.bytes));
+    // Not decoded: every byte outside the edited entry is the user's and
+    // stays as it is, even one that is not UTF-8.
+    auto edited = edit(*contents.bytes);
     if (!edited) return "It could not be edited safely (Studio edits only JSON with comments it can read back).";
     std::optional<mode_t> mode;
     struct stat info;

@@ -91,10 +91,9 @@ TEST_F(OpenCodeConfig, AddIsRetriedWithoutGlobalOnlyWhenOpenCodeExitedRefusingIt
     }
 }
 
-
-TEST_F(OpenCodeConfig, OnlyTheCommandArrayChangesInAFileWithCommentsAndTrailingCommas) {
+TEST_F(OpenCodeConfig, OnlyTheEntryChangesInAFileWithCommentsTrailingCommasAndLatin1) {
     std::string before =
-        "// my OpenCode setup\n"
+        "// my OpenCode setup, r\xE9sum\xE9 of my servers\n"  // Latin-1, not UTF-8: the user's bytes all the same
         "{\n"
         "  \"$schema\": \"https://opencode.ai/config.json\",\n"
         "  /* servers */ \"mcp\": {\n"
@@ -125,6 +124,12 @@ TEST_F(OpenCodeConfig, OnlyTheCommandArrayChangesInAFileWithCommentsAndTrailingC
     EXPECT_EQ(read("opencode.json"), expected);
     EXPECT_EQ(fs::status(config("opencode.json")).permissions(),
               fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+
+    EXPECT_EQ(machine.run({"uninstall"}).status, 0);
+    std::string entry = expected.substr(expected.find("    \"vantoric-studio\""));
+    entry = entry.substr(0, entry.find("    },\n") + 7);
+    expected.erase(expected.find(entry), entry.size());
+    EXPECT_EQ(read("opencode.json"), expected);
     EXPECT_TRUE(machine.calls("opencode").empty());
 }
 
