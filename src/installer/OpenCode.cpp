@@ -38,10 +38,16 @@ std::map<std::string, std::vector<OpenCodeEntry>> byFile(const std::vector<OpenC
 // its help, while the plain form writes the global configuration anyway when
 // run outside a project (the runner starts it in the temporary folder); so
 // the plain form is the fallback, and the files say whether it worked.
+// OpenCode gives no sign of its own for an unknown option, so any failure it
+// exits with counts as a refusal. One that hung, was killed or never started
+// is not retried: the plain form would fare no better, and the first answer
+// is the one that says why.
 CommandResult addToOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
     auto added = add(agent, bridge, settings);
-    if (added.status == 0) return added;
-    return run(agent.executable, {"mcp", "add", settings.serverName, "--", bridge.string()}, settings.timeout);
+    if (added.status == 0 || !added.exited) return added;
+    auto plain = run(agent.executable, {"mcp", "add", settings.serverName, "--", bridge.string()}, settings.timeout);
+    if (plain.status != 0) plain.output = added.output + "\nWithout --global:\n" + plain.output;
+    return plain;
 }
 
 }  // namespace
@@ -60,10 +66,14 @@ std::vector<fs::path> openCodeConfigs(const Agent& agent) {
     if (!agent.configFolder) return files;
     for (const char* name : {"opencode.json", "opencode.jsonc"}) {
         fs::path file = *agent.configFolder / name;
-        // A link counts even when it leads nowhere: the user meant it to be
-        // the configuration, and hears that it cannot be read.
+        // A link that leads nowhere is a file that does not exist yet, as it
+        // is for OpenCode, which writes through it. Anything else in the
+        // file's place counts, and is unreadable when it cannot be read (a
+        // folder, a loop of links).
         std::error_code ec;
-        if (fs::exists(fs::symlink_status(file, ec))) files.push_back(file);
+        if (!fs::exists(fs::symlink_status(file, ec))) continue;
+        if (fs::status(file, ec).type() == fs::file_type::not_found) continue;
+        files.push_back(file);
     }
     return files;
 }
@@ -90,10 +100,12 @@ OpenCodeScan openCodeScan(const Agent& agent, const Settings& settings) {
             scan.unreadable.push_back(file);
             continue;
         }
-        std::string decoded = text::decodedUTF8(*contents.bytes);
-        if (auto entries = openCodeEntries(decoded, file, settings.serverName)) {
+        // The bytes as they are: the parser keeps ill-formed UTF-8 outside
+        // strings as it stands and repairs it inside decoded strings.
+        const std::string& text = *contents.bytes;
+        if (auto entries = openCodeEntries(text, file, settings.serverName)) {
             scan.entries.insert(scan.entries.end(), entries->begin(), entries->end());
-        } else if (decoded.find("\"" + settings.serverName + "\"") != std::string::npos) {
+        } else if (text.find("\"" + settings.serverName + "\"") != std::string::npos) {
             // Broken, and about us: guessing could lose the user's entry.
             scan.unreadable.push_back(file);
         }
@@ -107,7 +119,9 @@ std::optional<std::string> editConfig(const fs::path& file, const ConfigEdit& ed
     if (ec) target = file;
     auto contents = files::read(target);
     if (!contents.bytes) return "It could not be read.";
-    auto edited = edit(text::decodedUTF8(*contents.bytes));
+    // Not decoded: every byte outside the edited entry is the user's and
+    // stays as it is, even one that is not UTF-8.
+    auto edited = edit(*contents.bytes);
     if (!edited) return "It could not be edited safely (Studio edits only JSON with comments it can read back).";
     std::optional<mode_t> mode;
     struct stat info;

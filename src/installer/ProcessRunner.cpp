@@ -9,9 +9,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "installer/Text.h"
@@ -24,6 +27,63 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 std::string reason(int error) { return std::strerror(error); }
+
+// The first and the last `keptOutputEnd` bytes of everything appended, and
+// how much there was.
+class KeptOutput {
+public:
+    void append(const char* bytes, std::size_t count) {
+        total_ += count;
+        std::size_t intoHead = std::min(count, keptOutputEnd - head_.size());
+        head_.append(bytes, intoHead);
+        tail_.append(bytes + intoHead, count - intoHead);
+        // Trimmed only when twice the kept size, so that each byte is moved
+        // at most once.
+        if (tail_.size() >= 2 * keptOutputEnd) tail_.erase(0, tail_.size() - keptOutputEnd);
+    }
+
+    // Everything, or the two ends around a line saying what was cut. A
+    // character split by a cut goes whole, so no cut shows up as U+FFFD.
+    std::string text() const {
+        if (total_ <= 2 * keptOutputEnd) return head_ + tail_;
+        std::string_view head = head_;
+        std::string_view tail = std::string_view(tail_).substr(tail_.size() - keptOutputEnd);
+        head = head.substr(0, completeSequencesEnd(head));
+        for (int skipped = 0; skipped < 3 && !tail.empty() && isContinuation(tail.front()); ++skipped) tail.remove_prefix(1);
+        std::size_t cut = total_ - head.size() - tail.size();
+        return std::string(head) + "\n(" + std::to_string(cut) + " bytes cut from the middle of this output)\n" +
+               std::string(tail);
+    }
+
+private:
+    static bool isContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
+
+    // Where the text ends without the start of a UTF-8 sequence whose
+    // remaining bytes were cut off.
+    static std::size_t completeSequencesEnd(std::string_view text) {
+        std::size_t start = text.size();
+        for (int back = 0; back < 3 && start > 0 && isContinuation(text[start - 1]); ++back) --start;
+        if (start == 0) return text.size();
+        unsigned char lead = static_cast<unsigned char>(text[start - 1]);
+        std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+        return text.size() - (start - 1) < length ? start - 1 : text.size();
+    }
+
+    std::string head_;
+    std::string tail_;
+    std::size_t total_ = 0;
+};
+
+// Where the child starts: the user's temporary folder, or /tmp when TMPDIR
+// names no folder. Never our own current folder, which is wherever the user
+// stands and which the agent could take for a project.
+std::string workingFolder() {
+    std::error_code ec;
+    const char* named = std::getenv("TMPDIR");
+    if (named && *named && std::filesystem::is_directory(named, ec)) return named;
+    if (std::filesystem::is_directory("/tmp", ec)) return "/tmp";
+    return "/";
+}
 
 // Keeps a descriptor open for exactly as long as this object lives.
 class Descriptor {
@@ -64,17 +124,22 @@ public:
 
     bool exited() const { return status_.has_value(); }
     int status() const { return *status_; }
+    bool endedOnItsOwn() const { return endedOnItsOwn_; }
     bool outputEnded() const { return outputEnded_; }
-    std::string& data() { return data_; }
+    const KeptOutput& output() const { return kept_; }
 
     // Reads output until the child has ended or the time comes.
     void waitForExit(Clock::time_point until) {
-        while (!reap(false)) {
+        while (!reap()) {
             auto now = Clock::now();
             if (now >= until) return;
             int timeout = millisecondsUntil(until, now);
             if (exitSignal_.get() < 0) timeout = std::min(timeout, 20);
-            pollOnce(timeout, true);
+            if (pollOnce(timeout, true) && !reap()) {
+                // Ended, yet not ours to reap: a tracer holds the remains.
+                // The descriptor would stay readable, so tick instead.
+                exitSignal_.reset();
+            }
         }
     }
 
@@ -91,22 +156,19 @@ public:
         if (!exited()) kill(pid_, number);
     }
 
-    // Blocks until the child is gone; used after SIGKILL, which cannot be
-    // ignored.
-    void reapNow() { reap(true); }
-
 private:
     static int millisecondsUntil(Clock::time_point until, Clock::time_point now) {
         auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();
         return static_cast<int>(std::min<long long>(left, 60'000));
     }
 
-    bool reap(bool block) {
+    // Never blocks: every wait here has a deadline.
+    bool reap() {
         if (status_) return true;
         int raw = 0;
         pid_t got;
         do {
-            got = waitpid(pid_, &raw, block ? 0 : WNOHANG);
+            got = waitpid(pid_, &raw, WNOHANG);
         } while (got < 0 && errno == EINTR);
         if (got == 0) return false;
         if (got < 0) {
@@ -115,6 +177,7 @@ private:
             status_ = -1;
         } else if (WIFEXITED(raw)) {
             status_ = WEXITSTATUS(raw);
+            endedOnItsOwn_ = true;
         } else if (WIFSIGNALED(raw)) {
             status_ = WTERMSIG(raw);
         } else {
@@ -124,18 +187,23 @@ private:
         return true;
     }
 
-    void pollOnce(int timeout, bool watchExit) {
+    // Whether the exit descriptor said the child has ended.
+    bool pollOnce(int timeout, bool watchExit) {
         pollfd fds[2];
         nfds_t count = 0;
-        int outputIndex = -1;
+        int outputIndex = -1, exitIndex = -1;
         if (!outputEnded_) {
             outputIndex = static_cast<int>(count);
             fds[count++] = {output_, POLLIN, 0};
         }
-        if (watchExit && exitSignal_.get() >= 0) fds[count++] = {exitSignal_.get(), POLLIN, 0};
+        if (watchExit && exitSignal_.get() >= 0) {
+            exitIndex = static_cast<int>(count);
+            fds[count++] = {exitSignal_.get(), POLLIN, 0};
+        }
         int ready = poll(fds, count, timeout);
-        if (ready <= 0) return;  // time is up, or a signal: the caller looks again
+        if (ready <= 0) return false;  // time is up, or a signal: the caller looks again
         if (outputIndex >= 0 && fds[outputIndex].revents) readAvailable();
+        return exitIndex >= 0 && fds[exitIndex].revents;
     }
 
     void readAvailable() {
@@ -145,7 +213,7 @@ private:
             n = read(output_, buffer, sizeof buffer);
         } while (n < 0 && errno == EINTR);
         if (n > 0) {
-            data_.append(buffer, static_cast<std::size_t>(n));
+            kept_.append(buffer, static_cast<std::size_t>(n));
         } else if (n == 0 || errno != EAGAIN) {
             outputEnded_ = true;
         }
@@ -155,8 +223,9 @@ private:
     int output_;
     Descriptor exitSignal_;
     std::optional<int> status_;
+    bool endedOnItsOwn_ = false;
     bool outputEnded_ = false;
-    std::string data_;
+    KeptOutput kept_;
 };
 
 // posix_spawn's attribute and file-action objects, destroyed on every path.
@@ -187,9 +256,8 @@ CommandResult run(const std::filesystem::path& program, const std::vector<std::s
     posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&setup.actions, writeEnd.get(), 1);
     posix_spawn_file_actions_adddup2(&setup.actions, writeEnd.get(), 2);
-    std::error_code ec;
-    auto temporary = std::filesystem::temp_directory_path(ec);
-    if (!ec) posix_spawn_file_actions_addchdir_np(&setup.actions, temporary.c_str());
+    std::string folder = workingFolder();
+    posix_spawn_file_actions_addchdir_np(&setup.actions, folder.c_str());
 
     // The child starts with every signal at its default and none blocked,
     // whatever this process set up for itself.
@@ -224,15 +292,19 @@ CommandResult run(const std::filesystem::path& program, const std::vector<std::s
     } else {
         child.signal(SIGTERM);
         child.waitForExit(Clock::now() + limits.grace);
+        std::string whole = std::to_string(static_cast<long long>(seconds));
+        note = "\n(stopped after " + whole + " s without an answer)";
         if (!child.exited()) {
             child.signal(SIGKILL);
-            child.reapNow();
+            // SIGKILL cannot be ignored, but a child stuck in the kernel or
+            // held by a tracer is gone only when they let it go.
+            child.waitForExit(Clock::now() + limits.killed);
+            if (!child.exited()) note = "\n(no answer after " + whole + " s, and it did not end when killed)";
         }
         status = -1;
-        note = "\n(stopped after " + std::to_string(static_cast<long long>(seconds)) + " s without an answer)";
     }
     child.drain(Clock::now() + limits.drain);
-    return {status, text::decodedUTF8(child.data()) + note};
+    return {status, text::decodedUTF8(child.output().text()) + note, child.endedOnItsOwn() && note.empty()};
 }
 
 }  // namespace BridgeInstaller

@@ -39,7 +39,7 @@ BridgeInstaller::Settings Machine::settings() const {
     BridgeInstaller::Settings settings;
     settings.serverName = "vantoric-studio";
     settings.managesSkill = true;
-    settings.timeout = 30;
+    settings.timeout = timeout;
     return settings;
 }
 

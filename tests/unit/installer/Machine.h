@@ -41,6 +41,8 @@ public:
 
     platform::Environment environment() const { return {{"HOME", home().string()}, {"PATH", bin().string()}}; }
     BridgeInstaller::Settings settings() const;
+    // Seconds an agent's program may take; shortened by tests of programs that hang.
+    double timeout = 30;
     BridgeInstaller::Agent agent(const std::string& id) const;
 
     struct Result {

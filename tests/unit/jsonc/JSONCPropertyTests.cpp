@@ -65,7 +65,8 @@ private:
     template <class T>
     const T& pickFrom(const std::vector<T>& choices) { return choices[below(choices.size())]; }
 
-    std::string word() { return pickFrom<std::string>({"note", "TODO", "x", "é", "servers", "*", "/"}); }
+    // Comments hold whatever bytes the user typed, UTF-8 or not.
+    std::string word() { return pickFrom<std::string>({"note", "TODO", "x", "é", "r\xE9sum\xE9", "servers", "*", "/"}); }
 
     std::string indent(int depth) { return std::string(2 * depth, ' '); }
 
