@@ -74,6 +74,11 @@ FakeHttp::~FakeHttp() {
     for (auto& w : workers) w.join();
 }
 
+void FakeHttp::refuseBodies(Response response) {
+    std::lock_guard lock(mutex_);
+    refusal_ = std::move(response);
+}
+
 void FakeHttp::setHandler(std::function<Response(const Request&)> handler) {
     std::lock_guard lock(mutex_);
     handler_ = std::move(handler);
@@ -135,6 +140,20 @@ void FakeHttp::serve(int fd) {
         }
         buffer.erase(0, headerEnd + 4);
         size_t length = request.headers.count("content-length") ? std::stoul(request.headers["content-length"]) : 0;
+        std::optional<Response> refusal;
+        if (length > 0) {
+            std::lock_guard lock(mutex_);
+            refusal = refusal_;
+            if (refusal) requests_.push_back(request);
+        }
+        if (refusal) {
+            std::string bytes = "HTTP/1.1 " + std::to_string(refusal->status) +
+                                " Refused\r\nContent-Type: application/json\r\nConnection: close\r\nContent-Length: " +
+                                std::to_string(refusal->body.size()) + "\r\n\r\n" + refusal->body;
+            writeAll(fd, bytes);
+            ::close(fd);
+            return;
+        }
         while (buffer.size() < length) {
             char chunk[65536];
             ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);

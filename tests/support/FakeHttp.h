@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,6 +41,10 @@ public:
     uint16_t port() const { return port_; }
     std::string base() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
+    // From now on, requests with a body are answered with this as soon as
+    // their header is read, and the connection is closed with the body
+    // unread (a server refusing an upload early).
+    void refuseBodies(Response response);
     void setHandler(std::function<Response(const Request&)> handler);
     std::vector<Request> requests() const;
     int connections() const;
@@ -54,6 +59,7 @@ private:
     std::thread acceptor_;
     mutable std::mutex mutex_;
     std::function<Response(const Request&)> handler_;
+    std::optional<Response> refusal_;
     std::vector<Request> requests_;
     std::vector<int> idle_;
     std::vector<std::thread> workers_;

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <csignal>
+
 #include <algorithm>
 #include <fstream>
 
@@ -25,6 +27,9 @@ const std::string token(40, 'k');
 class Forwarding : public ::testing::Test {
 protected:
     Forwarding() {
+        // As in the bridge: a write to a peer that closed fails, it does not
+        // end the process (sendfile has no MSG_NOSIGNAL).
+        std::signal(SIGPIPE, SIG_IGN);
         durations_.httpTimeout = 5s;
         Link link{*URL::parse(http_.base() + "/mcp"), *URL::parse(http_.base()), token, nullptr};
         StudioConnection::Services services{notifications_, running_, launcher_, random_, nullptr, nullptr,
@@ -270,6 +275,17 @@ TEST_F(Uploading, AnythingButA201WithAnIdIsRefused) {
     EXPECT_EQ(failure(), "Studio did not accept a.png: PNG files are not supported.");
     answer(201, "not json");
     EXPECT_EQ(failure(), "Studio did not accept a.png: upload failed.");
+
+    // Refused on its header, before the body: the refusal is what counts,
+    // not the broken pipe the rest of the body then meets; and what stands
+    // in for the file must be a file.
+    auto big = dir.write("big.mov", std::string(64 << 20, 'b'));
+    http_.refuseBodies({413, R"({"error":"Files over 1 MB are not accepted"})"});
+    auto refused = io_.start(connection_->upload(big, link));
+    EXPECT_EQ(failureOf(refused), "Studio did not accept big.mov: Files over 1 MB are not accepted.");
+    ASSERT_EQ(::mkfifo((dir.path() / "pipe.mov").c_str(), 0644), 0);
+    auto piped = io_.start(connection_->upload(dir.path() / "pipe.mov", link));
+    EXPECT_EQ(failureOf(piped), "Cannot read " + (dir.path() / "pipe.mov").string() + ".");
 }
 
 TEST_F(Uploading, ProgressCountsTheBytesSentUpToTheFileSize) {
