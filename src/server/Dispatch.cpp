@@ -1,5 +1,7 @@
 // Answering requests and routing tool calls: methods of the bridge, run on
 // its strand.
+#include <algorithm>
+
 #include <boost/asio/this_coro.hpp>
 
 #include "link/BridgeError.h"
@@ -76,8 +78,11 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
                         if (self && !entry->cancelled) self->send(notification);
                     });
                 }
+                const std::string& tool = name->get_ref<const std::string&>();
+                ProgressBeat beat(co_await boost::asio::this_coro::executor, progress, timing.progressEvery,
+                                  "Waiting for Vantoric Studio to carry out " + tool + ".");
                 try {
-                    computed = co_await call(name->get<std::string>(), std::move(arguments), std::move(progress));
+                    computed = co_await call(tool, std::move(arguments), std::move(progress));
                 } catch (const std::exception& failure) {
                     computed = toolError(agentMessage(failure));
                 }
@@ -132,6 +137,11 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::exportStatus(Json arguments) {
     }
     arguments.erase("path");
     arguments.erase("overwrite");
+    // How long the agent asked Studio to wait is also how long it waits for
+    // a copy under way.
+    std::chrono::steady_clock::duration wait = std::chrono::seconds(15);
+    if (auto seconds = arguments.find("wait_seconds"); seconds != arguments.end() && seconds->is_number())
+        wait = std::chrono::milliseconds(static_cast<int64_t>(std::clamp(seconds->get<double>(), 1.0, 60.0) * 1000));
     Json studio = co_await forward(std::move(arguments), "export_video");
-    co_return co_await deliverExport(std::move(studio));
+    co_return co_await deliverExport(std::move(studio), wait);
 }

@@ -7,6 +7,7 @@ BridgeTiming BridgeTiming::fromEnvironment(const std::map<std::string, std::stri
     BridgeTiming timing;
     timing.link = LinkDurations::fromEnvironment(environment);
     if (auto wait = platform::milliseconds(environment, "VSM_TEST_EXPORT_WAIT_MS")) timing.exportWait = *wait;
+    if (auto every = platform::milliseconds(environment, "VSM_TEST_PROGRESS_MS")) timing.progressEvery = *every;
     return timing;
 }
 

@@ -22,11 +22,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 
 #include "link/StudioConnection.h"
@@ -46,13 +48,16 @@ struct BridgeTiming {
     std::chrono::milliseconds drainWithin{5000};
     // How often the shutdown looks whether they have finished.
     std::chrono::milliseconds drainPoll{20};
+    // How often a call with a progress token hears that it still waits.
+    std::chrono::steady_clock::duration progressEvery = std::chrono::seconds(5);
     // The longest a call that starts an export waits for it to settle.
     std::chrono::steady_clock::duration exportWait = std::chrono::seconds(45);
     // The link's waits (45 s for a call, 600 s for Studio's reply, ...).
     LinkDurations link{};
 
     // The defaults, except that the integration tests of the real binary may
-    // shorten the export wait (VSM_TEST_EXPORT_WAIT_MS) and the link's waits
+    // shorten the export wait (VSM_TEST_EXPORT_WAIT_MS), the progress
+    // interval (VSM_TEST_PROGRESS_MS) and the link's waits
     // (LinkDurations::fromEnvironment).
     static BridgeTiming fromEnvironment(const std::map<std::string, std::string>& environment);
 };
@@ -80,6 +85,16 @@ public:
     struct ExportDestination {
         std::filesystem::path url;
         bool overwrite = false;
+    };
+
+    // The copy of a completed export while it runs, so that a status call
+    // arriving meanwhile waits for it instead of copying again.
+    struct ExportCopy {
+        std::string downloadId;
+        ExportDestination destination;
+        bool finished = false;
+        std::optional<std::string> failure;
+        std::vector<std::weak_ptr<boost::asio::steady_timer>> waiting;  // woken when it ends
     };
 
     // A request being answered: the handle by which its task is cancelled.
@@ -147,9 +162,15 @@ public:
     // copies a completed one to the agent's path.
     Task<Json> exportVideo(Json arguments, Progress progress = {});
     // Studio's export status for the agent: the copy made when it completed
-    // and a destination waits, download ids removed, a reminder while it
+    // and a destination waits (or the outcome of the copy already under way,
+    // waited for up to `wait`), download ids removed, a reminder while it
     // runs.
-    Task<Json> deliverExport(Json studioResult);
+    Task<Json> deliverExport(Json studioResult, std::chrono::steady_clock::duration wait);
+    // The copy of a completed export to the remembered destination; where it
+    // was saved, or nothing when there is no destination or the copy under
+    // way did not end within `wait`.
+    Task<std::optional<std::filesystem::path>> copyExport(std::string downloadId,
+                                                          std::chrono::steady_clock::duration wait);
     // "export_video" with "action" "status".
     Task<Json> exportStatus(Json arguments);
     // Whether Studio's export status says the export is no longer running.
@@ -174,6 +195,7 @@ public:
     std::shared_ptr<StudioConnection> studio;
     std::map<std::string, std::shared_ptr<Call>> calls;
     std::optional<ExportDestination> exportDestination;
+    std::shared_ptr<ExportCopy> exportCopy;
     bool stopped = false;
     const Timing timing;
 

@@ -1,12 +1,20 @@
 // Video export: Studio renders into the project's own exports folder; the
 // bridge remembers where the agent wants the video, waits a bounded time for
 // a started export to settle, and copies a completed one there. Methods of
-// the bridge, run on its strand; `exportDestination` is touched only here
-// and in the status route.
+// the bridge, run on its strand; `exportDestination` and `exportCopy` are
+// touched only here and in the status route.
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cmath>
+
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+
+#include "link/BridgeError.h"
+#include "link/Cancellation.h"
 
 #include "server/PathResolution.h"
 #include "server/StudioMCPBridge.h"
@@ -93,19 +101,25 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::exportVideo(Json arguments, Progres
     exportDestination = std::move(destination);
     reportExport(progress, payload(latest));
 
+    // Each poll asks Studio to wait no longer than the time left: an agent
+    // that cuts calls off at a minute must get this one back before that,
+    // copy included.
     auto deadline = std::chrono::steady_clock::now() + timing.exportWait;
-    while (std::chrono::steady_clock::now() < deadline && !exportSettled(latest)) {
+    while (!exportSettled(latest)) {
+        double left = std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count();
+        double wait = std::min(15.0, std::floor(left * 10) / 10);
+        if (wait <= 0) break;
         Json poll = Json::object();
         poll["action"] = "status";
-        poll["wait_seconds"] = 15;
+        poll["wait_seconds"] = wait;
         latest = co_await forward(std::move(poll), "export_video");
         if (flaggedError(latest)) co_return latest;
         reportExport(progress, payload(latest));
     }
-    co_return co_await deliverExport(std::move(latest));
+    co_return co_await deliverExport(std::move(latest), timing.exportWait);
 }
 
-StudioMCPBridge::Task<Json> StudioMCPBridge::deliverExport(Json studioResult) {
+StudioMCPBridge::Task<Json> StudioMCPBridge::deliverExport(Json studioResult, std::chrono::steady_clock::duration wait) {
     auto status = payload(studioResult);
     if (!status) co_return studioResult;
     std::string phase = phaseOf(*status);
@@ -114,23 +128,71 @@ StudioMCPBridge::Task<Json> StudioMCPBridge::deliverExport(Json studioResult) {
 
     if (hasFile) {
         auto id = file->find("downloadId");
-        if (phase == "completed" && exportDestination && id != file->end() && id->is_string()) {
-            // Cleared before the copy starts: one completion, one copy.
-            ExportDestination destination = std::move(*exportDestination);
-            exportDestination.reset();
-            auto downloading = studio->download(id->get<std::string>(), destination.url, destination.overwrite);
-            co_await std::move(downloading);
-            (*file)["savedTo"] = destination.url.string();
+        if (phase == "completed" && id != file->end() && id->is_string()) {
+            if (auto saved = co_await copyExport(id->get<std::string>(), wait)) (*file)["savedTo"] = saved->string();
         }
         file->erase("downloadId");
-        co_return result(*status);
     }
 
     if (phase == "failed" || phase == "cancelled") {
         exportDestination.reset();
     } else if (phase != "completed" && exportDestination) {
+        // Also while a file is being written: whoever returns before the
+        // export is done says how to go on.
         (*status)["note"] = "Still exporting. Call export_video {action:\"status\", wait_seconds:40}; the copy is saved to " +
                             exportDestination->url.string() + " when it completes.";
+    } else if (phase == "completed" && exportCopy && hasFile && !file->contains("savedTo")) {
+        (*status)["note"] = "Still copying the video to " + exportCopy->destination.url.string() +
+                            ". Call export_video {action:\"status\"} to see it saved.";
     }
     co_return result(*status);
+}
+
+StudioMCPBridge::Task<std::optional<fs::path>> StudioMCPBridge::copyExport(std::string downloadId,
+                                                                         std::chrono::steady_clock::duration wait) {
+    // A copy of this export already under way (a start call still copying
+    // when the agent asks for the status): its outcome is this call's too.
+    if (exportCopy && exportCopy->downloadId == downloadId) {
+        auto copy = exportCopy;
+        auto timer = std::make_shared<boost::asio::steady_timer>(co_await boost::asio::this_coro::executor);
+        timer->expires_after(wait);
+        copy->waiting.push_back(timer);
+        co_await timer->async_wait(boost::asio::as_tuple(boost::asio::use_awaitable_t<Executor>{}));
+        if (!copy->finished) {
+            if ((co_await boost::asio::this_coro::cancellation_state).cancelled() != boost::asio::cancellation_type::none)
+                cancellation::raise();
+            co_return std::nullopt;  // still copying: the payload says so
+        }
+        if (copy->failure) throw BridgeError(*copy->failure);
+        co_return copy->destination.url;
+    }
+    if (!exportDestination) co_return std::nullopt;
+
+    // The destination stays remembered until its copy has succeeded: a copy
+    // cut off (the agent's time limit, a shutdown) or failed is made again
+    // by the next status call that sees the export completed.
+    auto copy = std::make_shared<ExportCopy>();
+    copy->downloadId = downloadId;
+    copy->destination = *exportDestination;
+    exportCopy = copy;
+    auto finish = [this, copy](std::optional<std::string> failure) {
+        copy->finished = true;
+        copy->failure = std::move(failure);
+        for (auto& waiting : copy->waiting)
+            if (auto timer = waiting.lock()) timer->cancel();
+        if (exportCopy == copy) exportCopy.reset();
+    };
+    try {
+        auto downloading = studio->download(downloadId, copy->destination.url, copy->destination.overwrite);
+        co_await std::move(downloading);
+    } catch (const BridgeError& failure) {
+        finish(failure.what());
+        throw;
+    } catch (...) {
+        finish("The copy of the export was stopped before it was complete.");
+        throw;
+    }
+    finish(std::nullopt);
+    if (exportDestination && exportDestination->url == copy->destination.url) exportDestination.reset();
+    co_return copy->destination.url;
 }

@@ -55,6 +55,25 @@ TEST_F(ReportingProgress, ExportWithATokenTellsItsPhases) {
     EXPECT_EQ(messages.back(), "Export completed");
 }
 
+// A client that gives up on quiet calls (OpenCode after a minute) must hear
+// that a long one still waits on Studio.
+TEST_F(ReportingProgress, ALongWaitOnStudioIsToldAtEveryInterval) {
+    FileSession session({{"STUDIO_SIM_SLOW_TOOL", "studio_status"},
+                         {"STUDIO_SIM_SLOW_TOOL_MS", "1500"},
+                         {"VSM_TEST_PROGRESS_MS", "200"}});
+    session.start(false);
+    session.send(toolCall(1, "studio_status", json::object(), json("s")));
+    ASSERT_TRUE(session.reply(1, 30s));
+    auto told = session.takeNotifications();
+    ASSERT_GE(told.size(), 3u);
+    double last = -1;
+    for (auto& n : told) {
+        EXPECT_EQ(n["params"]["message"], "Waiting for Vantoric Studio to carry out studio_status.");
+        EXPECT_GT(n["params"]["progress"].get<double>(), last);
+        last = n["params"]["progress"].get<double>();
+    }
+}
+
 TEST_F(ReportingProgress, WithoutATokenNothingButTheReplies) {
     FileSession session({{"STUDIO_SIM_EXPORT_SECONDS", "0.5"}, {"STUDIO_SIM_MAX_WAIT", "0.2"}});
     session.start();

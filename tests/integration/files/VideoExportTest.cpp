@@ -102,7 +102,10 @@ TEST_F(ExportingVideo, FailedExportLeavesNothingAtThePath) {
     EXPECT_EQ(downloadRequests(session), 0u);
 }
 
-TEST_F(ExportingVideo, DestinationThatBecameAFolderIsReportedAndNotTriedAgain) {
+// A copy that cannot be made is reported, and the destination stays
+// remembered: the next status tries again, and succeeds once the way is
+// free. Nothing is lost to one bad moment.
+TEST_F(ExportingVideo, DestinationThatBecameAFolderIsReportedAndTriedAgainLater) {
     FileSession session(slowExports("2"));
     session.start();
     auto started = FileSession::payload(session.call(1, "export_video", {{"path", "out.mp4"}}));
@@ -115,12 +118,62 @@ TEST_F(ExportingVideo, DestinationThatBecameAFolderIsReportedAndNotTriedAgain) {
     EXPECT_TRUE(fs::is_empty(session.work() / "out.mp4"));
     EXPECT_EQ(downloadRequests(session), 1u);
 
+    fs::remove(session.work() / "out.mp4");
     auto later = FileSession::payload(session.call(500, "export_video", {{"action", "status"}}));
     EXPECT_EQ(later["phase"], "completed");
     EXPECT_FALSE(later["file"].contains("downloadId"));
-    EXPECT_FALSE(later["file"].contains("savedTo"));
-    EXPECT_EQ(downloadRequests(session), 1u);
-    EXPECT_TRUE(fs::is_empty(session.work() / "out.mp4"));
+    EXPECT_EQ(later["file"]["savedTo"], (session.work() / "out.mp4").string());
+    EXPECT_TRUE(fs::is_regular_file(session.work() / "out.mp4"));
+    EXPECT_EQ(downloadRequests(session), 2u);
+
+    // Copied once: a further status has nothing left to save.
+    auto again = FileSession::payload(session.call(501, "export_video", {{"action", "status"}}));
+    EXPECT_FALSE(again["file"].contains("savedTo"));
+    EXPECT_EQ(downloadRequests(session), 2u);
+}
+
+// Agents give up on calls at their own limit (OpenCode after a minute) and
+// cancel them, often during the copy. The video must still arrive: the next
+// status copies it. A status that comes while the copy runs waits for that
+// copy rather than starting another.
+TEST_F(ExportingVideo, ACopyCutOffByTheAgentIsMadeByTheNextStatusAndNeverTwiceAtOnce) {
+    // 40 MB at 20 MB a second: two seconds of copying.
+    FileSession session({{"STUDIO_SIM_EXPORT_SECONDS", "0.1"},
+                         {"STUDIO_SIM_EXPORT_BYTES", "41943040"},
+                         {"STUDIO_SIM_DOWNLOAD_RATE", "20000000"}});
+    session.start();
+    auto exportCall = [&](int id, json arguments) {
+        session.send({{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"},
+                      {"params", {{"name", "export_video"}, {"arguments", std::move(arguments)}}}});
+    };
+    auto copying = [&] {
+        for (auto& entry : fs::directory_iterator(session.work()))
+            if (entry.path().filename().string().rfind(".cut.mp4.download-", 0) == 0) return true;
+        return false;
+    };
+    auto waitFor = [](auto condition) {
+        auto deadline = std::chrono::steady_clock::now() + 20s;
+        while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(2ms);
+        return condition();
+    };
+
+    exportCall(1, {{"path", "cut.mp4"}});
+    ASSERT_TRUE(waitFor(copying));
+    session.send({{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", {{"requestId", 1}}}});
+    ASSERT_TRUE(waitFor([&] { return !copying(); }));
+    EXPECT_FALSE(fs::exists(session.work() / "cut.mp4"));
+
+    exportCall(2, {{"action", "status"}});
+    ASSERT_TRUE(waitFor(copying));
+    exportCall(3, {{"action", "status"}, {"wait_seconds", 40}});
+    for (int id : {2, 3}) {
+        auto reply = session.reply(id, 30s);
+        ASSERT_TRUE(reply) << id;
+        auto status = FileSession::payload((*reply)["result"]);
+        EXPECT_EQ(status["file"]["savedTo"], (session.work() / "cut.mp4").string()) << id;
+    }
+    EXPECT_EQ(fs::file_size(session.work() / "cut.mp4"), 41943040u);
+    EXPECT_EQ(downloadRequests(session), 2u);  // the cut one and the one that arrived
 }
 
 // Agents stop the bridge with a signal (Claude Code SIGINT, Codex and
