@@ -180,7 +180,8 @@ void DownloadFile::commit() {
     // The folders that are missing, innermost last; made now, and removed
     // again should the file not get into them.
     std::vector<fs::path> missing;
-    for (fs::path folder = destination_.parent_path(); folder != temporary_.parent_path(); folder = folder.parent_path())
+    for (fs::path folder = destination_.parent_path();
+         folder != temporary_.parent_path() && folder != folder.parent_path(); folder = folder.parent_path())
         missing.insert(missing.begin(), folder);
     std::vector<fs::path> made;
     auto unmake = [&made] {
