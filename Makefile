@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 FUZZ_RUNS ?= 1000000
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build check demo bench fuzz coverage clean
+.PHONY: all deps build check demo bench fuzz coverage sanitize clean
 
 all: build
 
@@ -48,5 +48,19 @@ coverage: deps
 	@gcovr -r . --object-directory build-coverage --filter 'src/' --exclude-unreachable-branches --exclude-throw-branches --print-summary -o build-coverage/coverage.txt
 	@echo "coverage: per-file figures in build-coverage/coverage.txt"
 
+# The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer, then
+# the suites of the threaded parts (link, server, file tools) under
+# ThreadSanitizer. The bridge and the simulator that the tests start are
+# built the same way; their reports go to files, and any report fails.
+sanitize: deps
+	@test -f build-asan/build.ninja || cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVSM_SANITIZE=ON -DVSM_BENCH=OFF
+	@cmake --build build-asan -j $(JOBS)
+	@scripts/test-setup build-asan
+	@scripts/sanitize build-asan "" ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1
+	@test -f build-tsan/build.ninja || cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVSM_TSAN=ON -DVSM_BENCH=OFF
+	@cmake --build build-tsan -j $(JOBS)
+	@scripts/test-setup build-tsan
+	@scripts/sanitize build-tsan "link|server|files" TSAN_OPTIONS=second_deadlock_stack=1
+
 clean:
-	rm -rf $(BUILD) build-bench build-fuzz build-coverage
+	rm -rf $(BUILD) build-bench build-fuzz build-coverage build-asan build-tsan
