@@ -115,7 +115,7 @@ void HandshakeListener::serve(void* incoming) {
     auto remote = socket.remote_endpoint(ec);
     // Checked before a single byte goes out; the check runs without the lock.
     if (ec || remote.address() != asio::ip::address_v4::loopback() || !verifyPeer_ ||
-        !verifyPeer_(app_, remote.port(), local)) {
+        !verifyPeer_(app_, remote.port(), local, std::chrono::steady_clock::now())) {
         platform::log("closed a hand-over connection that was not Vantoric Studio");
         socket.close(ec);
         return;

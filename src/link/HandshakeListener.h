@@ -26,7 +26,10 @@
 
 class HandshakeListener : public std::enable_shared_from_this<HandshakeListener> {
 public:
-    using VerifyPeer = std::function<bool(const std::filesystem::path& app, uint16_t peerPort, uint16_t localPort)>;
+    // Whether the connection accepted at `acceptedAt` from 127.0.0.1:peerPort
+    // on the listening port comes from Studio.
+    using VerifyPeer = std::function<bool(const std::filesystem::path& app, uint16_t peerPort, uint16_t localPort,
+                                          std::chrono::steady_clock::time_point acceptedAt)>;
 
     static constexpr size_t chunkSize = 65536;
     static constexpr size_t maximumLine = 65536;

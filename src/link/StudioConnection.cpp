@@ -78,8 +78,9 @@ StudioConnection::StudioConnection(asio::any_io_executor strand, asio::any_io_ex
       session_(std::make_unique<HttpSession>(strand_, durations.httpTimeout)),
       link_(std::move(link)) {
     if (!services_.verifyPeer) {
-        services_.verifyPeer = [peer = services_.peer](const fs::path& app, uint16_t peerPort, uint16_t localPort) {
-            return peer && peer->studio(app, peerPort, localPort).has_value();
+        services_.verifyPeer = [peer = services_.peer](const fs::path& app, uint16_t peerPort, uint16_t localPort,
+                                                       std::chrono::steady_clock::time_point acceptedAt) {
+            return peer && peer->studio(app, peerPort, localPort, acceptedAt).has_value();
         };
     }
 }

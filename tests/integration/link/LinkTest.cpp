@@ -6,16 +6,17 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <future>
 #include <thread>
 
+#include "Announcements.h"
 #include "support/LinkSession.h"
 
 using namespace testsupport;
 using Settings = LinkSession::Settings;
+using linkattack::nextAnnouncedPort;
 namespace fs = std::filesystem;
 
 namespace {
@@ -36,43 +37,6 @@ protected:
     }
     static bool isError(const json& result) { return result.value("isError", false); }
 };
-
-// The port of the next link notification on the bus, heard as Studio hears it.
-std::future<int> nextAnnouncedPort(const std::string& address) {
-    auto ready = std::make_shared<std::promise<void>>();
-    auto listening = ready->get_future();
-    auto port = std::async(std::launch::async, [address, ready]() -> int {
-        sd_bus* bus = nullptr;
-        sd_bus_new(&bus);
-        sd_bus_set_address(bus, address.c_str());
-        sd_bus_set_bus_client(bus, 1);
-        sd_bus_start(bus);
-        int found = 0;
-        sd_bus_match_signal(
-            bus, nullptr, nullptr, "/com/lumenfold/DistributedNotification", "com.lumenfold.DistributedNotification",
-            "Posted",
-            [](sd_bus_message* m, void* data, sd_bus_error*) {
-                const char *name = nullptr, *object = nullptr;
-                if (sd_bus_message_read(m, "ss", &name, &object) >= 0 && !*static_cast<int*>(data))
-                    *static_cast<int*>(data) = std::atoi(object + 5);  // "port=<n>&..."
-                return 0;
-            },
-            &found);
-        sd_bus_flush(bus);
-        // Let the match reach the daemon before the test goes on.
-        const char* unique;
-        sd_bus_get_unique_name(bus, &unique);
-        ready->set_value();
-        auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (!found && std::chrono::steady_clock::now() < deadline) {
-            if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 20'000);
-        }
-        sd_bus_flush_close_unref(bus);
-        return found;
-    });
-    listening.wait();
-    return port;
-}
 
 }  // namespace
 
