@@ -64,12 +64,17 @@ public:
 
 private:
     std::optional<SystemError> connectLocked();
+    std::optional<SystemError> tryConnectLocked();
     void dropLocked();
 
     std::mutex mutex_;
     sd_bus* bus_ = nullptr;
     std::chrono::milliseconds deadline_;
     std::string address_;
+    // A failed connection is not tried again for a while: one establishment
+    // asks the bus several times, and each must not wait out the deadline.
+    std::optional<SystemError> lastFailure_;
+    std::chrono::steady_clock::time_point failedAt_;
 };
 
 // The process-wide connection used by the real services below.

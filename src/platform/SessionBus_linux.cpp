@@ -22,7 +22,7 @@ namespace {
 struct SdBus {
 #define VSM_SD_BUS_FUNCTIONS(X)                                                                           \
     X(sd_bus_call) X(sd_bus_call_method) X(sd_bus_emit_signal) X(sd_bus_error_free) X(sd_bus_error_is_set) \
-    X(sd_bus_flush) X(sd_bus_flush_close_unref) X(sd_bus_get_unique_name) X(sd_bus_is_open)               \
+    X(sd_bus_flush) X(sd_bus_close) X(sd_bus_unref) X(sd_bus_get_unique_name) X(sd_bus_is_open)               \
     X(sd_bus_message_append_strv) X(sd_bus_message_close_container) X(sd_bus_message_new_method_call)     \
     X(sd_bus_message_open_container) X(sd_bus_message_read) X(sd_bus_message_unref) X(sd_bus_new)         \
     X(sd_bus_set_address) X(sd_bus_set_bus_client) X(sd_bus_start) X(sd_bus_is_ready) X(sd_bus_process)   \
@@ -140,8 +140,15 @@ LinuxSessionBus::~LinuxSessionBus() {
     dropLocked();
 }
 
+// Closed without flushing: a flush waits for a stalled bus past any deadline.
+static void closeBus(sd_bus* bus) {
+    if (!bus) return;
+    sd().sd_bus_close(bus);
+    sd().sd_bus_unref(bus);
+}
+
 void LinuxSessionBus::dropLocked() {
-    if (bus_) sd().sd_bus_flush_close_unref(bus_);
+    closeBus(bus_);
     bus_ = nullptr;
 }
 
@@ -149,6 +156,13 @@ std::optional<SystemError> LinuxSessionBus::connectLocked() {
     if (bus_ && sd().sd_bus_is_open(bus_) > 0) return std::nullopt;
     dropLocked();
     if (sd().failure) return sd().failure;
+    if (lastFailure_ && std::chrono::steady_clock::now() - failedAt_ < 2 * deadline_) return lastFailure_;
+    lastFailure_ = tryConnectLocked();
+    failedAt_ = std::chrono::steady_clock::now();
+    return lastFailure_;
+}
+
+std::optional<SystemError> LinuxSessionBus::tryConnectLocked() {
     if (address_.empty())
         return SystemError{ENOENT,
                            "No session bus: DBUS_SESSION_BUS_ADDRESS is not set and neither $XDG_RUNTIME_DIR/bus nor "
@@ -167,20 +181,20 @@ std::optional<SystemError> LinuxSessionBus::connectLocked() {
     while (rc >= 0) {
         rc = sd().sd_bus_is_ready(bus);
         if (rc != 0) break;
-        rc = sd().sd_bus_process(bus, nullptr);
-        if (rc != 0) continue;
         auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
-            sd().sd_bus_flush_close_unref(bus);
+            closeBus(bus);
             char seconds[32];
             std::snprintf(seconds, sizeof seconds, "%.1f", deadline_.count() / 1000.0);
             return SystemError{ETIMEDOUT, failed + ": it did not answer within " + seconds + " s"};
         }
+        rc = sd().sd_bus_process(bus, nullptr);
+        if (rc != 0) continue;
         rc = sd().sd_bus_wait(bus, static_cast<uint64_t>(left.count()));
         if (rc > 0) rc = 0;
     }
     if (rc < 0) {
-        sd().sd_bus_flush_close_unref(bus);
+        closeBus(bus);
         return busError(rc, failed);
     }
     bus_ = bus;
