@@ -140,9 +140,10 @@ std::vector<pid_t> LinuxRunningApplications::runningFrom(const fs::path& app) co
         char name[32];
         std::snprintf(name, sizeof name, "%d", pid);
         // The folder's owner first: one stat passes over other users'
-        // processes without the dearer look at their executable.
+        // processes without the dearer look at their executable. As root
+        // nearly every process is ours, and the stat only costs.
         struct stat owner {};
-        if (fstatat(proc, name, &owner, 0) != 0 || owner.st_uid != own) continue;
+        if (own != 0 && (fstatat(proc, name, &owner, 0) != 0 || owner.st_uid != own)) continue;
         std::strncat(name, "/exe", sizeof name - std::strlen(name) - 1);
         ssize_t n = readlinkat(proc, name, target.data(), target.size());
         if (n == static_cast<ssize_t>(expected.size()) && target.compare(0, expected.size(), expected) == 0)
