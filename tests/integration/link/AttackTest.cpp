@@ -280,7 +280,8 @@ TEST_F(HandoverAttack, StudioOfAnotherSessionNeitherBlocksTheLaunchNorIsLinked) 
     environment["STUDIO_SIM_HOME"] = otherHome.path().string();
     environment["STUDIO_SIM_LOG"] = (otherHome.path() / "studio.jsonl").string();
     environment["XDG_CONFIG_HOME"] = (otherHome.path() / ".config").string();
-    ChildProcess elsewhere(ChildProcess::Options{.argv = {studioExecutable()}, .environment = environment});
+    ChildProcess elsewhere(
+        ChildProcess::Options{.argv = {studioExecutable()}, .environment = environment, .workingDirectory = {}});
     auto ready = elsewhere.readLine(10s);
     ASSERT_TRUE(ready && ready->find("studio-sim ready") != std::string::npos);
 
