@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <boost/asio/as_tuple.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/experimental/concurrent_channel.hpp>
@@ -99,7 +100,12 @@ asio::awaitable<uint16_t> HandshakeListener::start() {
         std::lock_guard guard(lock_);
         if (stopped_) cancellation::raise();
     }
-    uint16_t port = co_await asio::co_spawn(network_->strand, listen(network_->acceptor), asio::use_awaitable);
+    // Not tied to the caller's cancellation: Asio's co_spawn forwards a
+    // cancellation to a child that may have finished and been freed (seen as
+    // a crash when the input ended while the listener started). stop() ends
+    // the listening instead.
+    uint16_t port = co_await asio::co_spawn(network_->strand, listen(network_->acceptor),
+                                            asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
     if (port == 0) throw BridgeError("Could not listen for Vantoric Studio.");
     {
         std::lock_guard guard(lock_);

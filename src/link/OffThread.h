@@ -2,9 +2,17 @@
 // on a small pool of their own, never on the I/O thread: the calling
 // coroutine waits for the result and the bridge's strand goes on serving,
 // pings included, however long the call takes within its own deadline.
+//
+// The wait cannot be cancelled: the call runs to its end (each has its own
+// deadline) and the result comes back to the caller's executor, where a
+// cancelled caller then sees its cancellation. Asio's co_spawn is not used
+// here: it forwards a cancellation to a child that may already have finished
+// and been freed.
 #pragma once
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <type_traits>
@@ -16,17 +24,23 @@ inline boost::asio::thread_pool& pool() {
     return threads;
 }
 
-// A plain function, not a capturing lambda: a coroutine's parameters live
-// in its frame, a lambda's captures do not.
+// f() on the pool, resumed on the caller's executor. `f` must return a value
+// and must not throw.
 template <class F>
-boost::asio::awaitable<std::invoke_result_t<F&>> invoke(F f) {
-    co_return f();
-}
-
-// f() on the pool, resumed on the caller's executor. `f` must return a value.
-template <class F>
-boost::asio::awaitable<std::invoke_result_t<F&>> run(F f) {
-    co_return co_await boost::asio::co_spawn(pool(), invoke(std::move(f)), boost::asio::use_awaitable);
+auto run(F f) {
+    using Result = std::invoke_result_t<F&>;
+    auto initiation = [f = std::move(f)](auto handler) mutable {
+        auto work = boost::asio::make_work_guard(boost::asio::get_associated_executor(handler));
+        boost::asio::post(pool(), [f = std::move(f), handler = std::move(handler), work = std::move(work)]() mutable {
+            Result result = f();
+            auto executor = work.get_executor();
+            boost::asio::post(executor, [handler = std::move(handler), result = std::move(result)]() mutable {
+                std::move(handler)(std::move(result));
+            });
+        });
+    };
+    return boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, void(Result)>(std::move(initiation),
+                                                                                           boost::asio::use_awaitable);
 }
 
 }  // namespace offthread

@@ -176,20 +176,26 @@ TEST_F(LinkLifetime, StudioQuittingGivesTheClosedMessageOnceThenANewHandover) {
 }
 
 TEST_F(LinkLifetime, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
-    LinkSession session(Settings{{"STUDIO_SIM_NEVER_ANSWER", "1"}});
-    session.startStudio();
-    session.startBridge();
-    session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
-                  {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
-    ASSERT_TRUE(session.bridge().waitForStderr(asking));
-    std::this_thread::sleep_for(200ms);
-    auto start = std::chrono::steady_clock::now();
-    session.bridge().closeStdin();
-    auto status = session.bridge().wait(8s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(*status, 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 6s);
-    EXPECT_EQ(session.bridge().readRest(1s), "");
+    // While the reply is awaited, and at once, while the hand-over starts.
+    for (bool waitForAsking : {true, false}) {
+        LinkSession session(Settings{{"STUDIO_SIM_NEVER_ANSWER", "1"}});
+        session.startStudio();
+        session.startBridge();
+        session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
+                      {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
+        if (waitForAsking) {
+            ASSERT_TRUE(session.bridge().waitForStderr(asking));
+            std::this_thread::sleep_for(200ms);
+        }
+        auto start = std::chrono::steady_clock::now();
+        session.bridge().closeStdin();
+        auto status = session.bridge().wait(8s);
+        ASSERT_TRUE(status) << waitForAsking;
+        EXPECT_EQ(*status, 0) << waitForAsking << session.bridge().stderrText();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 6s);
+        auto rest = session.bridge().readRest(1s);
+        if (waitForAsking) EXPECT_EQ(rest, "");
+    }
 }
 
 TEST_F(LinkLifetime, UnreachableOrSilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
