@@ -7,7 +7,14 @@
 //       Studio's endpoint (the hand-over done once beforehand): per-call
 //       latency one at a time, then calls per second with 8 in flight;
 //   link_bench bridge <bridge> <calls> <tool> <arguments>
-//       the same calls through the bridge over stdio, as an agent sends them.
+//       the same calls through the bridge over stdio, as an agent sends them;
+//   link_bench rejection <count>
+//       the peer check of a connection that is not Studio's: alone (each
+//       takes its own look at the processes), and within a burst of <count>
+//       accepted together (one look shared);
+//   link_bench flood <count> <per-second>
+//       hand-over time while connections that are not Studio's arrive at
+//       <per-second> on the announced port.
 // VANTORIC_STUDIO_APP names the simulator's bundle and
 // DBUS_SESSION_BUS_ADDRESS its bus. Output: one line of JSON per measure.
 #include <fcntl.h>
@@ -36,7 +43,15 @@
 #include <thread>
 #include <vector>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <atomic>
+
 #include "link/StudioConnection.h"
+#include "peer/StudioPeer.h"
+#include "platform/NotificationCenter.h"
 #include "link/StudioLocation.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
@@ -242,6 +257,126 @@ int bridge(const std::string& binary, int calls, const std::string& tool, const 
     return 0;
 }
 
+// A loopback listener and connections to it from this process.
+struct Loopback {
+    Loopback() {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        listen(listener, 4096);
+        socklen_t length = sizeof address;
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+    }
+    ~Loopback() { close(listener); }
+    // The peer port of a new connection, accepted.
+    std::pair<uint16_t, std::pair<int, int>> connectOne() {
+        int client = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        int accepted = accept(listener, nullptr, nullptr);
+        socklen_t length = sizeof address;
+        getsockname(client, reinterpret_cast<sockaddr*>(&address), &length);
+        return {ntohs(address.sin_port), {client, accepted}};
+    }
+    int listener = socket(AF_INET, SOCK_STREAM, 0);
+    uint16_t port = 0;
+};
+
+int rejection(int count) {
+    auto env = platform::captureEnvironment();
+    auto app = StudioLocation::locateApp(platform::ownExecutable(), env);
+    if (!app) throw std::runtime_error("no Studio bundle");
+    StudioPeer peer(StudioLocation::bundleIdentifier());
+    Loopback loopback;
+    std::vector<double> alone;
+    for (int i = 0; i < count; ++i) {
+        auto [peerPort, fds] = loopback.connectOne();
+        auto start = Clock::now();
+        if (peer.studio(*app, peerPort, loopback.port, start)) throw std::runtime_error("taken for Studio");
+        alone.push_back(ms(Clock::now() - start));
+        close(fds.first);
+        close(fds.second);
+    }
+    std::cout << summary("rejection_alone", alone).dump() << "\n";
+    std::vector<std::pair<uint16_t, std::pair<int, int>>> burst;
+    for (int i = 0; i < count; ++i) burst.push_back(loopback.connectOne());
+    auto acceptedAt = Clock::now();
+    std::vector<double> shared;
+    for (auto& [peerPort, fds] : burst) {
+        auto start = Clock::now();
+        if (peer.studio(*app, peerPort, loopback.port, acceptedAt)) throw std::runtime_error("taken for Studio");
+        shared.push_back(ms(Clock::now() - start));
+        close(fds.first);
+        close(fds.second);
+    }
+    std::cout << summary("rejection_in_burst", shared).dump() << "\n";
+    return 0;
+}
+
+// Forwards to the real centre and tells the flood where to aim.
+class PortSpy final : public platform::NotificationCenter {
+public:
+    std::optional<platform::SystemError> post(const std::string& name, const std::string& object) override {
+        port = std::atoi(object.c_str() + 5);  // "port=<n>&..."
+        return platform::systemNotificationCenter().post(name, object);
+    }
+    std::atomic<int> port{0};
+};
+
+int flood(int count, int perSecond) {
+    std::vector<double> samples;
+    for (int i = 0; i < count; ++i) {
+        Io io;
+        PortSpy spy;
+        auto services = StudioConnection::Services::system();
+        StudioConnection::Services spied{spy,           services.running,          services.launcher,
+                                         services.random, services.peer,          services.verifyPeer,
+                                         services.bundleIdentifier, services.notificationName, services.hello};
+        auto env = platform::captureEnvironment();
+        auto connection =
+            StudioConnection::create(io.strand, io.io.get_executor(), StudioLocation::locateApp(platform::ownExecutable(), env),
+                                     [] { return std::string("link_bench"); }, std::move(spied));
+        std::atomic<bool> done{false};
+        std::vector<int> hostile;
+        std::thread flooder([&] {
+            auto next = Clock::now();
+            while (!done) {
+                if (int port = spy.port) {
+                    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+                    sockaddr_in address{};
+                    address.sin_family = AF_INET;
+                    address.sin_port = htons(static_cast<uint16_t>(port));
+                    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+                    connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+                    hostile.push_back(fd);
+                }
+                next += std::chrono::microseconds(1'000'000 / perSecond);
+                std::this_thread::sleep_until(next);
+            }
+        });
+        auto start = Clock::now();
+        try {
+            obtain(io, connection);
+        } catch (...) {
+            done = true;
+            flooder.join();
+            throw;
+        }
+        samples.push_back(ms(Clock::now() - start));
+        done = true;
+        flooder.join();
+        for (int fd : hostile) close(fd);
+        asio::post(io.strand, [connection] { connection->stop(); });
+    }
+    std::cout << summary("handover_under_flood", samples).dump() << "\n";
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -249,12 +384,14 @@ int main(int argc, char** argv) {
         std::string mode = argc > 1 ? argv[1] : "";
         if (mode == "handover" && argc == 3) return handover(std::stoi(argv[2]));
         if (mode == "direct" && argc == 5) return direct(std::stoi(argv[2]), argv[3], json::parse(argv[4]));
+        if (mode == "rejection" && argc == 3) return rejection(std::stoi(argv[2]));
+        if (mode == "flood" && argc == 4) return flood(std::stoi(argv[2]), std::stoi(argv[3]));
         if (mode == "bridge" && argc == 6) return bridge(argv[2], std::stoi(argv[3]), argv[4], json::parse(argv[5]));
     } catch (const std::exception& e) {
         std::cerr << "link_bench: " << e.what() << "\n";
         return 1;
     }
     std::cerr << "usage: link_bench handover <count> | direct <calls> <tool> <arguments> | "
-                 "bridge <bridge> <calls> <tool> <arguments>\n";
+                 "bridge <bridge> <calls> <tool> <arguments> | rejection <count> | flood <count> <per-second>\n";
     return 2;
 }

@@ -1,6 +1,9 @@
 #include "link/HandshakeListener.h"
 
+#include <algorithm>
+
 #include <boost/asio/as_tuple.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/experimental/concurrent_channel.hpp>
@@ -8,6 +11,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
+#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 
@@ -22,6 +26,18 @@ using boost::system::error_code;
 namespace {
 using Socket = tcp::socket;
 Socket& socketOf(const std::shared_ptr<void>& connection) { return *static_cast<Socket*>(connection.get()); }
+
+// Where connections are judged: reading /proc blocks, and must neither stall
+// the I/O thread nor wait behind a burst on it. Two threads, so that one slow
+// judgement does not hold up the next.
+asio::thread_pool& judges() {
+    static asio::thread_pool pool(2);
+    return pool;
+}
+
+// Verified connections greeted at once; any more wait to be closed. Only
+// Studio processes get here, so this bounds nothing an attacker controls.
+constexpr size_t maximumGreeted = 8;
 }  // namespace
 
 struct HandshakeListener::Network {
@@ -30,6 +46,8 @@ struct HandshakeListener::Network {
 
     asio::strand<asio::any_io_executor> strand;
     tcp::acceptor acceptor;
+    asio::steady_timer rejectionLog{strand};
+    asio::steady_timer acceptPause{strand};
     // One element per reply line; a final eof element ends them. Only ever
     // one line is delivered, so the small buffer never fills.
     asio::experimental::concurrent_channel<void(error_code, std::string)> replies;
@@ -49,13 +67,13 @@ HandshakeListener::HandshakeListener(asio::any_io_executor executor, std::string
     : network_(std::make_unique<Network>(std::move(executor))),
       greeting_(std::move(greeting)),
       app_(std::move(app)),
-      verifyPeer_(std::move(verifyPeer)) {}
+      verifyPeer_(std::make_shared<const VerifyPeer>(std::move(verifyPeer))) {}
 
 HandshakeListener::~HandshakeListener() = default;
 
 bool HandshakeListener::contacted() const {
     std::lock_guard guard(lock_);
-    return connected_;
+    return greeted_ > 0 || linked_;
 }
 
 bool HandshakeListener::isAlive() const {
@@ -82,7 +100,12 @@ asio::awaitable<uint16_t> HandshakeListener::start() {
         std::lock_guard guard(lock_);
         if (stopped_) cancellation::raise();
     }
-    uint16_t port = co_await asio::co_spawn(network_->strand, listen(network_->acceptor), asio::use_awaitable);
+    // Not tied to the caller's cancellation: Asio's co_spawn forwards a
+    // cancellation to a child that may have finished and been freed (seen as
+    // a crash when the input ended while the listener started). stop() ends
+    // the listening instead.
+    uint16_t port = co_await asio::co_spawn(network_->strand, listen(network_->acceptor),
+                                            asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
     if (port == 0) throw BridgeError("Could not listen for Vantoric Studio.");
     {
         std::lock_guard guard(lock_);
@@ -97,46 +120,116 @@ void HandshakeListener::acceptNext() {
     std::weak_ptr<HandshakeListener> weak = weak_from_this();
     network_->acceptor.async_accept(network_->strand, [weak](error_code ec, Socket socket) {
         auto self = weak.lock();
-        if (!self || !self->network_->acceptor.is_open()) return;
-        if (!ec) self->serve(&socket);
-        if (ec == asio::error::operation_aborted) return;
-        self->acceptNext();
+        if (!self || !self->network_->acceptor.is_open() || ec == asio::error::operation_aborted) return;
+        if (!ec) {
+            auto connection = std::make_shared<Socket>(std::move(socket));
+            self->open_.push_back(connection);
+            self->judge(connection, std::chrono::steady_clock::now());
+            self->acceptNext();
+            return;
+        }
+        // Out of descriptors, most likely, under a burst: accepting again at
+        // once would only spin. Judged connections free them meanwhile.
+        self->network_->acceptPause.expires_after(std::chrono::milliseconds(50));
+        self->network_->acceptPause.async_wait([weak](error_code ec) {
+            if (auto self = weak.lock(); self && !ec) self->acceptNext();
+        });
     });
 }
 
-void HandshakeListener::serve(void* incoming) {
-    Socket& socket = *static_cast<Socket*>(incoming);
+void HandshakeListener::judge(std::shared_ptr<void> connection, std::chrono::steady_clock::time_point acceptedAt) {
     uint16_t local;
     {
         std::lock_guard guard(lock_);
         local = port_;
     }
     error_code ec;
-    auto remote = socket.remote_endpoint(ec);
-    // Checked before a single byte goes out; the check runs without the lock.
-    if (ec || remote.address() != asio::ip::address_v4::loopback() || !verifyPeer_ ||
-        !verifyPeer_(app_, remote.port(), local)) {
-        platform::log("closed a hand-over connection that was not Vantoric Studio");
-        socket.close(ec);
+    auto remote = socketOf(connection).remote_endpoint(ec);
+    if (ec || remote.address() != asio::ip::address_v4::loopback() || !*verifyPeer_) {
+        judged(connection, false);
         return;
     }
-    std::shared_ptr<void> connection;
-    {
+    // The judgement holds neither the listener nor the socket's use: only
+    // the strand touches the socket.
+    std::weak_ptr<HandshakeListener> weak = weak_from_this();
+    asio::post(judges(), [weak, verify = verifyPeer_, app = app_, peer = remote.port(), local, acceptedAt,
+                          strand = network_->strand, connection]() mutable {
+        if (weak.expired()) return;
+        bool studio = (*verify)(app, peer, local, acceptedAt);
+        asio::post(strand, [weak, connection = std::move(connection), studio] {
+            if (auto self = weak.lock()) self->judged(connection, studio);
+        });
+    });
+}
+
+void HandshakeListener::judged(std::shared_ptr<void> connection, bool studio) {
+    auto it = std::find(open_.begin(), open_.end(), connection);
+    if (it == open_.end()) return;  // closed by stop() meanwhile
+    bool greet = false;
+    if (studio) {
         std::lock_guard guard(lock_);
-        if (!stopped_ && !lifetime_) {
-            connected_ = true;
-            lifetime_ = connection = std::make_shared<Socket>(std::move(socket));
+        if (!stopped_ && !linked_ && greeted_ < maximumGreeted) {
+            ++greeted_;
+            greet = true;
         }
+    } else {
+        rejected();
     }
-    if (!connection) {
-        socket.close(ec);
+    if (greet) {
+        this->greet(connection);
         return;
     }
+    open_.erase(it);
+    error_code ignored;
+    socketOf(connection).close(ignored);
+}
+
+void HandshakeListener::greet(std::shared_ptr<void> connection) {
     // The greeting outlives the write: it is a member and the write's
     // handler keeps the listener.
     asio::async_write(socketOf(connection), asio::buffer(greeting_),
                       [keep = shared_from_this(), connection](error_code, size_t) {});
     read(connection, std::make_shared<std::string>());
+}
+
+// A greeted connection closed, failed or overflowed before its reply line:
+// it alone ends; the hand-over goes on.
+void HandshakeListener::ended(const std::shared_ptr<void>& connection) {
+    auto it = std::find(open_.begin(), open_.end(), connection);
+    if (it == open_.end()) return;
+    open_.erase(it);
+    error_code ignored;
+    socketOf(connection).close(ignored);
+    std::lock_guard guard(lock_);
+    if (greeted_ > 0) --greeted_;
+}
+
+void HandshakeListener::rejected() {
+    ++unloggedRejections_;
+    if (rejectionLogDue_) return;
+    auto next = lastRejectionLog_ + std::chrono::seconds(1);
+    if (std::chrono::steady_clock::now() >= next) {
+        logRejections();
+        return;
+    }
+    rejectionLogDue_ = true;
+    std::weak_ptr<HandshakeListener> weak = weak_from_this();
+    network_->rejectionLog.expires_at(next);
+    network_->rejectionLog.async_wait([weak](error_code) {
+        if (auto self = weak.lock()) self->logRejections();
+    });
+}
+
+void HandshakeListener::logRejections() {
+    rejectionLogDue_ = false;
+    if (unloggedRejections_ == 0) return;
+    if (unloggedRejections_ == 1)
+        platform::log("closed a hand-over connection that was not Vantoric Studio");
+    else
+        platform::log("closed " + std::to_string(unloggedRejections_) +
+                      " hand-over connections that were not Vantoric Studio");
+    unloggedRejections_ = 0;
+    lastRejectionLog_ = std::chrono::steady_clock::now();
 }
 
 void HandshakeListener::read(std::shared_ptr<void> connection, std::shared_ptr<std::string> buffer) {
@@ -154,16 +247,37 @@ void HandshakeListener::read(std::shared_ptr<void> connection, std::shared_ptr<s
             buffer->append(chunk->data(), n);
             auto newline = buffer->find('\n');
             if (newline != std::string::npos) {
-                error_code ignored;
-                self->network_->acceptor.close(ignored);
-                self->deliver(buffer->substr(0, newline));
-                self->watchLifetime(connection);
+                self->linkWith(connection, buffer->substr(0, newline));
             } else if (ec || buffer->size() >= maximumLine) {
-                self->stop();
+                self->ended(connection);
             } else {
                 self->read(connection, buffer);
             }
         }));
+}
+
+// The first reply line wins: its connection is the link's lifetime, and
+// everything else, listener included, is closed.
+void HandshakeListener::linkWith(const std::shared_ptr<void>& connection, std::string line) {
+    bool first = false;
+    {
+        std::lock_guard guard(lock_);
+        if (!stopped_ && !linked_) {
+            linked_ = first = true;
+            lifetime_ = connection;
+        }
+    }
+    error_code ignored;
+    if (!first) {
+        ended(connection);
+        return;
+    }
+    network_->acceptor.close(ignored);
+    for (auto& other : open_)
+        if (other != connection) socketOf(other).close(ignored);
+    open_.clear();
+    deliver(std::move(line));
+    watchLifetime(connection);
 }
 
 void HandshakeListener::watchLifetime(std::shared_ptr<void> connection) {
@@ -202,7 +316,10 @@ void HandshakeListener::stop() {
     asio::post(network_->strand, [self = shared_from_this(), taken] {
         error_code ignored;
         if (taken) socketOf(taken).close(ignored);
+        for (auto& connection : self->open_) socketOf(connection).close(ignored);
+        self->open_.clear();
         self->network_->acceptor.close(ignored);
+        self->logRejections();
     });
     finishReplies();
 }

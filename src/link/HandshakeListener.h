@@ -1,16 +1,25 @@
-// The short-lived loopback listener of one hand-over. It accepts exactly one
-// connection, and only from the process the peer check names as Studio;
-// sends it the greeting with the nonce, takes back one reply line, and then
-// watches that same connection: its end, from either side, is the end of the
+// The short-lived loopback listener of one hand-over. It greets only
+// connections the peer check names as Studio's, sends each the greeting with
+// the nonce, and takes the first reply line that comes back; from then on it
+// watches that one connection: its end, from either side, is the end of the
 // link.
+//
+// Every connection is accepted at once and judged on a worker thread, never
+// on the I/O thread, so a burst of connections from other processes neither
+// stalls the bridge nor holds Studio's own connection back; those are closed
+// without a byte, and the log says so at most once a second, with the count.
+// A greeted connection that ends before its reply line (Studio answering a
+// spoofed announcement, say) ends only itself: listening, and the
+// announcements, go on for the rest of the reply window.
 //
 // Shared (std::shared_ptr) between the bridge's strand, which calls start(),
 // reply(), isAlive(), contacted() and stop(), and the listener's own strand,
-// where the network work and the peer check run; that work and the reply
-// watchdog hold the listener weakly. `port`, `stopped`, `connected` and the
-// lifetime connection are guarded by one mutex, held only to read or write
-// them. stop() is safe from any thread, any number of times. Reply lines are
-// buffered without bound, so a line that arrives before anyone waits is kept.
+// where the network work runs; that work, the judgements and the reply
+// watchdog hold the listener weakly. `port`, `stopped`, the greeted count
+// and the lifetime connection are guarded by one mutex, held only to read or
+// write them. stop() is safe from any thread, any number of times. Reply
+// lines are buffered without bound, so a line that arrives before anyone
+// waits is kept.
 #pragma once
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
@@ -23,10 +32,14 @@
 #include "json/Json.h"
 #include <string>
 #include <string_view>
+#include <vector>
 
 class HandshakeListener : public std::enable_shared_from_this<HandshakeListener> {
 public:
-    using VerifyPeer = std::function<bool(const std::filesystem::path& app, uint16_t peerPort, uint16_t localPort)>;
+    // Whether the connection accepted at `acceptedAt` from 127.0.0.1:peerPort
+    // on the listening port comes from Studio.
+    using VerifyPeer = std::function<bool(const std::filesystem::path& app, uint16_t peerPort, uint16_t localPort,
+                                          std::chrono::steady_clock::time_point acceptedAt)>;
 
     static constexpr size_t chunkSize = 65536;
     static constexpr size_t maximumLine = 65536;
@@ -46,7 +59,8 @@ public:
     // BridgeError "Vantoric Studio did not answer. ...".
     boost::asio::awaitable<Json> reply(std::chrono::steady_clock::duration timeout);
 
-    // A verified Studio connected (stays true after stop()).
+    // A verified Studio is connected and greeted, or linked (stays true after
+    // stop() once linked).
     bool contacted() const;
     // Not stopped and the connection is open.
     bool isAlive() const;
@@ -60,8 +74,14 @@ private:
                       VerifyPeer verifyPeer);
 
     void acceptNext();
-    void serve(void* socket);
+    void judge(std::shared_ptr<void> connection, std::chrono::steady_clock::time_point acceptedAt);
+    void judged(std::shared_ptr<void> connection, bool studio);
+    void greet(std::shared_ptr<void> connection);
+    void ended(const std::shared_ptr<void>& connection);
+    void rejected();
+    void logRejections();
     void read(std::shared_ptr<void> connection, std::shared_ptr<std::string> buffer);
+    void linkWith(const std::shared_ptr<void>& connection, std::string line);
     void watchLifetime(std::shared_ptr<void> connection);
     void deliver(std::string line);
     void finishReplies();
@@ -69,12 +89,19 @@ private:
     std::unique_ptr<Network> network_;
     const std::string greeting_;
     const std::filesystem::path app_;
-    const VerifyPeer verifyPeer_;
+    const std::shared_ptr<const VerifyPeer> verifyPeer_;
 
     mutable std::mutex lock_;
     uint16_t port_ = 0;
     bool stopped_ = false;
-    bool connected_ = false;
+    size_t greeted_ = 0;  // verified connections open, awaiting their reply
+    bool linked_ = false;
     std::shared_ptr<void> lifetime_;
     bool repliesFinished_ = false;
+
+    // On the listener's strand only.
+    std::vector<std::shared_ptr<void>> open_;  // accepted, not yet linked or closed
+    std::chrono::steady_clock::time_point lastRejectionLog_{};
+    size_t unloggedRejections_ = 0;
+    bool rejectionLogDue_ = false;
 };

@@ -24,6 +24,7 @@
 #include "link/Cancellation.h"
 #include "link/HandoverReply.h"
 #include "link/HttpSession.h"
+#include "link/OffThread.h"
 #include "link/Once.h"
 #include "link/StudioLocation.h"
 #include "peer/StudioPeer.h"
@@ -81,8 +82,9 @@ StudioConnection::StudioConnection(asio::any_io_executor strand, asio::any_io_ex
       session_(std::make_unique<HttpSession>(strand_, durations.httpTimeout)),
       link_(std::move(link)) {
     if (!services_.verifyPeer) {
-        services_.verifyPeer = [peer = services_.peer](const fs::path& app, uint16_t peerPort, uint16_t localPort) {
-            return peer && peer->studio(app, peerPort, localPort).has_value();
+        services_.verifyPeer = [peer = services_.peer](const fs::path& app, uint16_t peerPort, uint16_t localPort,
+                                                       std::chrono::steady_clock::time_point acceptedAt) {
+            return peer && peer->studio(app, peerPort, localPort, acceptedAt).has_value();
         };
     }
 }
@@ -258,7 +260,10 @@ asio::awaitable<void> StudioConnection::announce(std::shared_ptr<StudioConnectio
         if (state.cancelled() != asio::cancellation_type::none) co_return;
         auto listener = weakListener.lock();
         if (!listener) co_return;
-        if (!listener->contacted()) self->services_.notifications.post(self->services_.notificationName, query);
+        // Named, not a temporary of the co_await expression: GCC 12 destroys
+        // such temporaries twice.
+        auto post = [self, query] { return self->services_.notifications.post(self->services_.notificationName, query); };
+        if (!listener->contacted()) co_await offthread::run(std::move(post));
     }
 }
 
@@ -282,23 +287,35 @@ asio::awaitable<Link> StudioConnection::establish() {
         std::string query = "port=" + std::to_string(port) + "&challenge=" + StudioPeer::challenge(nonce) +
                             "&client=" + percentEncodeQueryValue(clientName_ ? clientName_() : "A coding agent");
 
-        if (auto copy = services_.peer ? services_.peer->unusableCopy(app) : std::nullopt) {
-            throw BridgeError("Another copy of Vantoric Studio is running (" + *copy +
-                              ") and this agent's bridge cannot use it: it belongs to " + app.string() +
-                              ". Quit that copy so this one can start, or add the bridge inside the running copy "
-                              "(its Settings \u25B8 Agents).");
-        }
-        if (services_.running.withBundleIdentifier(services_.bundleIdentifier).empty()) {
-            platform::log("launching " + app.string() + " in the background");
-            if (auto failure = services_.launcher.openApplication(app))
-                throw BridgeError("Could not launch Vantoric Studio: " + failure->description);
-        }
+        // The running copies are looked up and the bus is asked off the I/O
+        // thread: a stalled bus must not stall the bridge.
+        // The calls are named locals, not temporaries of the co_await
+        // expression: GCC 12 destroys such temporaries twice.
+        auto prepare = [self, app]() -> std::optional<std::string> {
+            const auto& services = self->services_;
+            if (auto copy = services.peer ? services.peer->unusableCopy(app) : std::nullopt) {
+                return "Another copy of Vantoric Studio is running (" + *copy +
+                       ") and this agent's bridge cannot use it: it belongs to " + app.string() +
+                       ". Quit that copy so this one can start, or add the bridge inside the running copy (its "
+                       "Settings \u25B8 Agents).";
+            }
+            if (services.running.withBundleIdentifier(services.bundleIdentifier).empty()) {
+                platform::log("launching " + app.string() + " in the background");
+                if (auto failure = services.launcher.openApplication(app))
+                    return "Could not launch Vantoric Studio: " + failure->description;
+            }
+            return std::nullopt;
+        };
+        if (auto refusal = co_await offthread::run(std::move(prepare))) throw BridgeError(*refusal);
         co_await checkCancelled();
 
         platform::log("asking Studio for its agent endpoint (it asks the person the first time)");
         // The first announcement goes out here, so that a session bus that
         // cannot be reached fails this call instead of leaving it waiting.
-        if (auto failure = services_.notifications.post(services_.notificationName, query)) {
+        auto firstPost = [self, query] {
+            return self->services_.notifications.post(self->services_.notificationName, query);
+        };
+        if (auto failure = co_await offthread::run(std::move(firstPost))) {
             throw BridgeError(failure->description +
                               ". Vantoric Studio is asked for a link over the desktop session's bus: start the agent "
                               "inside the desktop session, or set DBUS_SESSION_BUS_ADDRESS to its bus.");

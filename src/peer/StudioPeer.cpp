@@ -5,6 +5,7 @@
 
 #include "platform/CodeSigning.h"
 #include "platform/Crypto.h"
+#include "platform/Executable.h"
 #include "platform/ProcessSockets.h"
 #include "platform/RunningApplications.h"
 
@@ -31,13 +32,52 @@ StudioPeer::StudioPeer(std::string bundleIdentifier)
                           platform::systemCodeSigning()},
                  std::move(bundleIdentifier)) {}
 
-std::optional<pid_t> StudioPeer::studio(const fs::path& app, uint16_t peerPort, uint16_t localPort) const {
+std::optional<pid_t> StudioPeer::studio(const fs::path& app, uint16_t peerPort, uint16_t localPort,
+                                        Clock::time_point acceptedAt) const {
     // Studio's own socket has the connection's remote port as its local port
     // and the bridge's listening port as its foreign port.
-    for (pid_t pid : eligible(app)) {
-        if (owns(pid, peerPort, localPort) && signedAsStudio(pid)) return pid;
+    auto socket = services_.sockets.loopbackSocket(peerPort, localPort);
+    if (!socket || socket->uid != platform::ownUser()) return std::nullopt;
+    // The cheap refusal first: most connections that are not Studio's are
+    // held by no process that could be Studio.
+    std::vector<pid_t> studios;
+    for (const auto& [pid, inodes] : candidates(app, acceptedAt)->sockets)
+        if (std::find(inodes.begin(), inodes.end(), socket->inode) != inodes.end()) studios.push_back(pid);
+    if (studios.empty()) return std::nullopt;
+    for (pid_t pid : studios)
+        if (!services_.signing.validNow(pid, requirement())) return std::nullopt;
+    // Whoever else holds the socket would read what is sent to Studio.
+    auto holders = services_.sockets.holders(socket->inode);
+    if (!holders || holders->empty()) return std::nullopt;
+    for (pid_t pid : *holders) {
+        if (std::find(studios.begin(), studios.end(), pid) == studios.end()) return std::nullopt;
+        // Again after the search: stopped, traced or gone meanwhile.
+        if (!services_.signing.validNow(pid, requirement())) return std::nullopt;
     }
-    return std::nullopt;
+    return holders->front();
+}
+
+std::shared_ptr<const StudioPeer::Candidates> StudioPeer::candidates(const fs::path& app,
+                                                                     Clock::time_point acceptedAt) const {
+    // Held while looking, so that connections judged at the same time wait
+    // for this look instead of each taking their own.
+    std::lock_guard guard(candidatesLock_);
+    if (candidates_ && candidates_->app == app && candidates_->takenAt >= acceptedAt) return candidates_;
+    auto fresh = std::make_shared<Candidates>();
+    fresh->takenAt = Clock::now();
+    fresh->app = app;
+    std::vector<pid_t> pids;
+    if (ownTeam()) {
+        for (const auto& running : services_.running.withBundleIdentifier(bundleIdentifier_))
+            pids.push_back(running.processIdentifier);
+    } else {
+        pids = services_.running.runningFrom(app);
+    }
+    for (pid_t pid : pids) {
+        if (auto inodes = services_.sockets.socketInodes(pid)) fresh->sockets.emplace_back(pid, std::move(*inodes));
+    }
+    candidates_ = fresh;
+    return fresh;
 }
 
 std::vector<pid_t> StudioPeer::eligible(const fs::path& app) const {
@@ -49,14 +89,6 @@ std::vector<pid_t> StudioPeer::eligible(const fs::path& app) const {
             pids.push_back(running.processIdentifier);
     }
     return pids;
-}
-
-bool StudioPeer::owns(pid_t pid, uint16_t localPort, uint16_t remotePort) const {
-    auto sockets = services_.sockets.tcpSockets(pid);
-    if (!sockets) return false;
-    return std::any_of(sockets->begin(), sockets->end(), [&](const platform::TcpSocket& socket) {
-        return socket.localPort == localPort && socket.remotePort == remotePort;
-    });
 }
 
 std::string StudioPeer::requirement() const {

@@ -1,3 +1,7 @@
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <system_error>
 
 #include "platform/Bundle.h"
@@ -21,16 +25,53 @@ std::optional<std::string> bareIdentifier(const std::string& requirement) {
     return identifier;
 }
 
+// A pidfd: while it reports the process alive, the pid names that process.
+class Pin {
+public:
+    explicit Pin(pid_t pid) : fd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
+    ~Pin() {
+        if (fd_ >= 0) close(fd_);
+    }
+    Pin(const Pin&) = delete;
+    Pin& operator=(const Pin&) = delete;
+    // Readable once the process has exited (a zombie included).
+    bool alive() const {
+        if (fd_ < 0) return false;
+        pollfd p{fd_, POLLIN, 0};
+        return poll(&p, 1, 0) == 0;
+    }
+
+private:
+    int fd_;
+};
+
+bool runsAsUs(const fs::path& proc, pid_t pid, bool unhindered) {
+    auto status = processStatus(proc, pid);
+    return status && status->realUid == getuid() && !(unhindered && status->stoppedOrTraced);
+}
+
 }  // namespace
 
 bool LinuxCodeSigning::satisfies(pid_t pid, const std::string& requirement) const {
+    return check(pid, requirement, false);
+}
+
+bool LinuxCodeSigning::validNow(pid_t pid, const std::string& requirement) const {
+    return check(pid, requirement, true);
+}
+
+bool LinuxCodeSigning::check(pid_t pid, const std::string& requirement, bool unhindered) const {
     auto identifier = bareIdentifier(requirement);
     if (!identifier) return false;
+    Pin pin(pid);
+    if (!pin.alive() || !runsAsUs(proc_, pid, unhindered)) return false;
     std::error_code ec;
     fs::path link = fs::read_symlink(proc_ / std::to_string(pid) / "exe", ec);
     if (ec) return false;
     auto bundle = bundleOfExecutable(link.string(), bundles_);
-    return bundle && !bundle->replaced && bundle->identifier == *identifier;
+    if (!bundle || bundle->replaced || bundle->identifier != *identifier) return false;
+    // Checked again after reading: stopped or traced meanwhile, or gone.
+    return runsAsUs(proc_, pid, unhindered) && pin.alive();
 }
 
 const CodeSigning& systemCodeSigning() {

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <system_error>
 
 #include "platform/Executable.h"
@@ -10,5 +12,7 @@ std::optional<std::filesystem::path> ownExecutable() {
     if (ec || target.empty()) return std::nullopt;
     return target;
 }
+
+uid_t ownUser() { return getuid(); }
 
 }  // namespace platform

@@ -12,6 +12,7 @@
 namespace platform {
 
 class Bundles;
+class LinuxSessionBus;
 
 struct RunningApplication {
     pid_t processIdentifier = 0;
@@ -21,22 +22,35 @@ struct RunningApplication {
 class RunningApplications {
 public:
     virtual ~RunningApplications() = default;
+    // The copies running in this session.
     virtual std::vector<RunningApplication> withBundleIdentifier(const std::string& identifier) const = 0;
+    // Every process of this user, in any session, running the main
+    // executable of the bundle at `app` itself: the only processes that may
+    // be the Studio this bridge serves. Cheap enough to ask per connection.
+    virtual std::vector<pid_t> runningFrom(const std::filesystem::path& app) const = 0;
 };
 
-// Every process, by ascending pid, whose /proc/PID/exe is the main executable
-// of a bundle X.app (X.app/Contents/MacOS/<CFBundleExecutable>) whose
-// CFBundleIdentifier matches. Helper programs shipped beside the main
-// executable, the bridge itself among them, are not applications. A process
-// running from a replaced executable still counts: it runs from that bundle.
-// Processes that cannot be read (other users, gone meanwhile) are skipped.
+// Every process of this user (real uid), by ascending pid, whose
+// /proc/PID/exe is the main executable of a bundle X.app
+// (X.app/Contents/MacOS/<CFBundleExecutable>) whose CFBundleIdentifier
+// matches, and that belongs to this session: it owns the identifier as a
+// name on this session's bus, or the bus its environment names is this
+// session's. A copy in another login session cannot hear this session's
+// notifications, so it must neither stop a launch nor be waited for. Helper
+// programs shipped beside the main executable, the bridge itself among them,
+// are not applications. A process running from a replaced executable still
+// counts: it runs from that bundle. Processes that cannot be read (other
+// users, gone meanwhile) are skipped. Without a bus (`bus` null) only the
+// environment tells the session.
 class LinuxRunningApplications final : public RunningApplications {
 public:
-    explicit LinuxRunningApplications(const Bundles& bundles, std::filesystem::path proc = "/proc");
+    LinuxRunningApplications(const Bundles& bundles, LinuxSessionBus* bus, std::filesystem::path proc = "/proc");
     std::vector<RunningApplication> withBundleIdentifier(const std::string& identifier) const override;
+    std::vector<pid_t> runningFrom(const std::filesystem::path& app) const override;
 
 private:
     const Bundles& bundles_;
+    LinuxSessionBus* bus_;
     std::filesystem::path proc_;
 };
 
@@ -52,5 +66,14 @@ struct ExecutableBundle {
     bool replaced = false;  // the kernel marks the executable " (deleted)"
 };
 std::optional<ExecutableBundle> bundleOfExecutable(const std::string& exeLink, const Bundles& bundles);
+
+// What /proc/PID/status says of a process that matters to who it is: its
+// real uid, and whether it is stopped or traced (then whatever runs in it
+// may not be its own code); nothing when it cannot be read.
+struct ProcessStatus {
+    uid_t realUid = 0;
+    bool stoppedOrTraced = false;
+};
+std::optional<ProcessStatus> processStatus(const std::filesystem::path& proc, pid_t pid);
 
 }  // namespace platform

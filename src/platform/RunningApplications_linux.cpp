@@ -1,12 +1,18 @@
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <map>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <system_error>
 
 #include "platform/Bundle.h"
+#include "platform/ProcessSockets.h"
 #include "platform/RunningApplications.h"
+#include "platform/SessionBus.h"
 
 namespace fs = std::filesystem;
 
@@ -16,21 +22,54 @@ namespace {
 
 constexpr std::string_view deletedSuffix = " (deleted)";
 
-std::vector<pid_t> processIdentifiers(const fs::path& proc) {
-    std::vector<pid_t> pids;
-    DIR* dir = opendir(proc.c_str());
-    if (!dir) return pids;
-    while (dirent* entry = readdir(dir)) {
-        char* end = nullptr;
-        long value = std::strtol(entry->d_name, &end, 10);
-        if (end != entry->d_name && *end == '\0' && value > 0) pids.push_back(static_cast<pid_t>(value));
+// The variables of the process's environment block; nothing when unreadable.
+std::optional<Environment> environmentOf(const fs::path& proc, pid_t pid) {
+    std::ifstream in(proc / std::to_string(pid) / "environ", std::ios::binary);
+    if (!in) return std::nullopt;
+    std::string block((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    Environment environment;
+    size_t start = 0;
+    while (start < block.size()) {
+        size_t end = block.find('\0', start);
+        if (end == std::string::npos) end = block.size();
+        std::string entry = block.substr(start, end - start);
+        auto equals = entry.find('=');
+        if (equals != std::string::npos) environment.emplace(entry.substr(0, equals), entry.substr(equals + 1));
+        start = end + 1;
     }
-    closedir(dir);
-    std::sort(pids.begin(), pids.end());
-    return pids;
+    return environment;
 }
 
 }  // namespace
+
+std::optional<ProcessStatus> processStatus(const fs::path& proc, pid_t pid) {
+    std::ifstream in(proc / std::to_string(pid) / "status");
+    if (!in) return std::nullopt;
+    ProcessStatus status;
+    bool uid = false, state = false, tracer = false;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("State:", 0) == 0) {
+            auto letter = line.find_first_not_of(" \t", 6);
+            if (letter == std::string::npos) return std::nullopt;
+            // T stopped, t traced, Z and X: gone in all but name.
+            char c = line[letter];
+            if (c == 'T' || c == 't' || c == 'Z' || c == 'X' || c == 'x') status.stoppedOrTraced = true;
+            state = true;
+        } else if (line.rfind("TracerPid:", 0) == 0) {
+            if (std::strtol(line.c_str() + 10, nullptr, 10) != 0) status.stoppedOrTraced = true;
+            tracer = true;
+        } else if (line.rfind("Uid:", 0) == 0) {
+            char* end = nullptr;
+            unsigned long value = std::strtoul(line.c_str() + 4, &end, 10);
+            if (end == line.c_str() + 4) return std::nullopt;
+            status.realUid = static_cast<uid_t>(value);
+            uid = true;
+        }
+    }
+    if (!uid || !state || !tracer) return std::nullopt;
+    return status;
+}
 
 std::optional<ExecutableBundle> bundleOfExecutable(const std::string& exeLink, const Bundles& bundles) {
     std::string target = exeLink;
@@ -51,23 +90,71 @@ std::optional<ExecutableBundle> bundleOfExecutable(const std::string& exeLink, c
     return ExecutableBundle{app, info->identifier, replaced};
 }
 
-LinuxRunningApplications::LinuxRunningApplications(const Bundles& bundles, fs::path proc)
-    : bundles_(bundles), proc_(std::move(proc)) {}
+LinuxRunningApplications::LinuxRunningApplications(const Bundles& bundles, LinuxSessionBus* bus, fs::path proc)
+    : bundles_(bundles), bus_(bus), proc_(std::move(proc)) {}
 
 std::vector<RunningApplication> LinuxRunningApplications::withBundleIdentifier(const std::string& identifier) const {
-    std::vector<RunningApplication> found;
+    uid_t own = getuid();
+    std::vector<RunningApplication> copies;
     for (pid_t pid : processIdentifiers(proc_)) {
         std::error_code ec;
         fs::path link = fs::read_symlink(proc_ / std::to_string(pid) / "exe", ec);
         if (ec) continue;
         auto bundle = bundleOfExecutable(link.string(), bundles_);
-        if (bundle && bundle->identifier == identifier) found.push_back({pid, bundle->app});
+        if (!bundle || bundle->identifier != identifier) continue;
+        auto status = processStatus(proc_, pid);
+        if (status && status->realUid == own) copies.push_back({pid, bundle->app});
+    }
+    if (copies.empty()) return copies;
+
+    std::optional<pid_t> owner = bus_ ? bus_->ownerProcess(identifier) : std::nullopt;
+    std::string ours = busIdentity(bus_ ? bus_->address() : sessionBusAddress(captureEnvironment()));
+    std::vector<RunningApplication> found;
+    for (auto& copy : copies) {
+        bool inSession = owner == copy.processIdentifier;
+        if (!inSession) {
+            auto environment = environmentOf(proc_, copy.processIdentifier);
+            inSession = environment && busIdentity(sessionBusAddress(*environment)) == ours;
+        }
+        if (inSession) found.push_back(std::move(copy));
     }
     return found;
 }
 
+std::vector<pid_t> LinuxRunningApplications::runningFrom(const fs::path& app) const {
+    auto info = bundles_.open(app);
+    if (!info) return {};
+    auto executable = info->executablePath();
+    if (!executable) return {};
+    std::error_code ec;
+    fs::path canonical = fs::weakly_canonical(*executable, ec);
+    if (ec) return {};
+    const std::string expected = canonical.string();
+
+    int proc = open(proc_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (proc < 0) return {};
+    uid_t own = getuid();
+    std::vector<pid_t> found;
+    std::string target(expected.size() + 1, '\0');
+    for (pid_t pid : processIdentifiers(proc_)) {
+        char name[32];
+        std::snprintf(name, sizeof name, "%d", pid);
+        // The folder's owner first: one stat passes over other users'
+        // processes without the dearer look at their executable. As root
+        // nearly every process is ours, and the stat only costs.
+        struct stat owner {};
+        if (own != 0 && (fstatat(proc, name, &owner, 0) != 0 || owner.st_uid != own)) continue;
+        std::strncat(name, "/exe", sizeof name - std::strlen(name) - 1);
+        ssize_t n = readlinkat(proc, name, target.data(), target.size());
+        if (n == static_cast<ssize_t>(expected.size()) && target.compare(0, expected.size(), expected) == 0)
+            found.push_back(pid);
+    }
+    ::close(proc);
+    return found;
+}
+
 const RunningApplications& systemRunningApplications() {
-    static LinuxRunningApplications running(systemBundles());
+    static LinuxRunningApplications running(systemBundles(), &systemSessionBus());
     return running;
 }
 

@@ -1,10 +1,13 @@
 // The desktop session's message bus (D-Bus), reached through sd-bus. One
-// connection per object, opened on first use from DBUS_SESSION_BUS_ADDRESS
-// (or the user's runtime folder) and opened again after it broke. Every call
-// is synchronous with a short deadline and safe from any thread: a lock
-// serialises the connection. A bus that cannot be reached is a SystemError,
-// never a wait.
+// connection per object, opened on first use and opened again after it
+// broke. Every call is synchronous and safe from any thread (a lock
+// serialises the connection), and everything, connecting and authenticating
+// included, has the one deadline: a bus that cannot be reached, or that
+// accepts and never answers, is a SystemError within it, never a longer
+// wait. Being synchronous, it is called off the I/O thread.
 #pragma once
+#include <sys/types.h>
+
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -12,15 +15,27 @@
 #include <string>
 #include <vector>
 
+#include "platform/Environment.h"
 #include "platform/SystemError.h"
 
 struct sd_bus;
 
 namespace platform {
 
+// The session bus an environment leads to: DBUS_SESSION_BUS_ADDRESS, else
+// $XDG_RUNTIME_DIR/bus where sd-bus looks, else /run/user/<uid>/bus, the
+// standard place on a desktop (agents may start the bridge without the
+// desktop's variables); "" when none is there.
+std::string sessionBusAddress(const Environment& environment);
+// What tells two addresses of one bus apart from another bus's: the first
+// transport's kind and path, without the server's guid.
+std::string busIdentity(const std::string& address);
+
 class LinuxSessionBus {
 public:
-    explicit LinuxSessionBus(std::chrono::milliseconds callTimeout = std::chrono::seconds(5));
+    // `address` as sessionBusAddress() gives it; by default, this process's.
+    explicit LinuxSessionBus(std::chrono::milliseconds deadline = std::chrono::seconds(5),
+                             std::optional<std::string> address = std::nullopt);
     ~LinuxSessionBus();
     LinuxSessionBus(const LinuxSessionBus&) = delete;
     LinuxSessionBus& operator=(const LinuxSessionBus&) = delete;
@@ -38,17 +53,28 @@ public:
     };
     Ownership hasOwner(const std::string& name);
 
+    // The process of the connection that owns the well-known name.
+    std::optional<pid_t> ownerProcess(const std::string& name);
+
+    const std::string& address() const { return address_; }
+
     // org.freedesktop.Application.Open(uris, {}) on the name's object.
     std::optional<SystemError> openURIs(const std::string& name, const std::string& objectPath,
                                         const std::vector<std::string>& uris);
 
 private:
     std::optional<SystemError> connectLocked();
+    std::optional<SystemError> tryConnectLocked();
     void dropLocked();
 
     std::mutex mutex_;
     sd_bus* bus_ = nullptr;
-    std::chrono::milliseconds callTimeout_;
+    std::chrono::milliseconds deadline_;
+    std::string address_;
+    // A failed connection is not tried again for a while: one establishment
+    // asks the bus several times, and each must not wait out the deadline.
+    std::optional<SystemError> lastFailure_;
+    std::chrono::steady_clock::time_point failedAt_;
 };
 
 // The process-wide connection used by the real services below.

@@ -1,8 +1,14 @@
 #include <dlfcn.h>
 #include <systemd/sd-bus.h>
 
+#include <unistd.h>
+
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include "platform/SessionBus.h"
 
@@ -16,10 +22,11 @@ namespace {
 struct SdBus {
 #define VSM_SD_BUS_FUNCTIONS(X)                                                                           \
     X(sd_bus_call) X(sd_bus_call_method) X(sd_bus_emit_signal) X(sd_bus_error_free) X(sd_bus_error_is_set) \
-    X(sd_bus_flush) X(sd_bus_flush_close_unref) X(sd_bus_get_unique_name) X(sd_bus_is_open)               \
+    X(sd_bus_flush) X(sd_bus_close) X(sd_bus_unref) X(sd_bus_get_unique_name) X(sd_bus_is_open)               \
     X(sd_bus_message_append_strv) X(sd_bus_message_close_container) X(sd_bus_message_new_method_call)     \
-    X(sd_bus_message_open_container) X(sd_bus_message_read) X(sd_bus_message_unref) X(sd_bus_open_user)   \
-    X(sd_bus_set_method_call_timeout)
+    X(sd_bus_message_open_container) X(sd_bus_message_read) X(sd_bus_message_unref) X(sd_bus_new)         \
+    X(sd_bus_set_address) X(sd_bus_set_bus_client) X(sd_bus_start) X(sd_bus_is_ready) X(sd_bus_process)   \
+    X(sd_bus_wait) X(sd_bus_set_method_call_timeout)
 #define VSM_DECLARE(name) decltype(&::name) name = nullptr;
     VSM_SD_BUS_FUNCTIONS(VSM_DECLARE)
 #undef VSM_DECLARE
@@ -49,9 +56,61 @@ const SdBus& sd() {
     return loaded;
 }
 
-std::string busName() {
-    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    if (address && *address) return std::string("the session bus at ") + address;
+// Bytes outside this set are written %XX in a D-Bus address.
+std::string escapedAddressValue(const std::string& value) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : value) {
+        if (std::isalnum(c) || c == '-' || c == '_' || c == '/' || c == '.' || c == '\\' || c == '*') {
+            out.push_back(static_cast<char>(c));
+        } else {
+            out.push_back('%');
+            out.push_back(digits[c >> 4]);
+            out.push_back(digits[c & 15]);
+        }
+    }
+    return out;
+}
+
+bool isSocket(const std::string& path) {
+    std::error_code ec;
+    return std::filesystem::is_socket(path, ec);
+}
+
+}  // namespace
+
+std::string sessionBusAddress(const Environment& environment) {
+    if (auto address = nonEmpty(environment, "DBUS_SESSION_BUS_ADDRESS")) return *address;
+    if (auto runtime = nonEmpty(environment, "XDG_RUNTIME_DIR"); runtime && isSocket(*runtime + "/bus"))
+        return "unix:path=" + escapedAddressValue(*runtime + "/bus");
+    std::string standard = "/run/user/" + std::to_string(getuid()) + "/bus";
+    if (isSocket(standard)) return "unix:path=" + standard;
+    return "";
+}
+
+std::string busIdentity(const std::string& address) {
+    std::string first = address.substr(0, address.find(';'));
+    auto colon = first.find(':');
+    if (colon == std::string::npos) return first;
+    std::string identity = first.substr(0, colon + 1);
+    std::string rest = first.substr(colon + 1);
+    size_t start = 0;
+    while (start <= rest.size()) {
+        size_t end = rest.find(',', start);
+        if (end == std::string::npos) end = rest.size();
+        std::string pair = rest.substr(start, end - start);
+        if (pair.rfind("path=", 0) == 0 || pair.rfind("abstract=", 0) == 0 || pair.rfind("host=", 0) == 0 ||
+            pair.rfind("port=", 0) == 0)
+            identity += pair + ",";
+        start = end + 1;
+    }
+    return identity;
+}
+
+namespace {
+
+std::string busName(const std::string& address) {
+    if (!address.empty()) return "the session bus at " + address;
     return "the session bus";
 }
 
@@ -73,15 +132,23 @@ struct MessageGuard {
 
 }  // namespace
 
-LinuxSessionBus::LinuxSessionBus(std::chrono::milliseconds callTimeout) : callTimeout_(callTimeout) {}
+LinuxSessionBus::LinuxSessionBus(std::chrono::milliseconds deadline, std::optional<std::string> address)
+    : deadline_(deadline), address_(address ? *address : sessionBusAddress(captureEnvironment())) {}
 
 LinuxSessionBus::~LinuxSessionBus() {
     std::lock_guard lock(mutex_);
     dropLocked();
 }
 
+// Closed without flushing: a flush waits for a stalled bus past any deadline.
+static void closeBus(sd_bus* bus) {
+    if (!bus) return;
+    sd().sd_bus_close(bus);
+    sd().sd_bus_unref(bus);
+}
+
 void LinuxSessionBus::dropLocked() {
-    if (bus_) sd().sd_bus_flush_close_unref(bus_);
+    closeBus(bus_);
     bus_ = nullptr;
 }
 
@@ -89,17 +156,46 @@ std::optional<SystemError> LinuxSessionBus::connectLocked() {
     if (bus_ && sd().sd_bus_is_open(bus_) > 0) return std::nullopt;
     dropLocked();
     if (sd().failure) return sd().failure;
+    if (lastFailure_ && std::chrono::steady_clock::now() - failedAt_ < 2 * deadline_) return lastFailure_;
+    lastFailure_ = tryConnectLocked();
+    failedAt_ = std::chrono::steady_clock::now();
+    return lastFailure_;
+}
+
+std::optional<SystemError> LinuxSessionBus::tryConnectLocked() {
+    if (address_.empty())
+        return SystemError{ENOENT,
+                           "No session bus: DBUS_SESSION_BUS_ADDRESS is not set and neither $XDG_RUNTIME_DIR/bus nor "
+                           "/run/user/" + std::to_string(getuid()) + "/bus exists"};
+    const std::string failed = "Could not connect to " + busName(address_);
     sd_bus* bus = nullptr;
-    int rc = sd().sd_bus_open_user(&bus);
-    if (rc < 0) return busError(rc, "Could not connect to " + busName());
-    sd().sd_bus_set_method_call_timeout(bus, static_cast<uint64_t>(callTimeout_.count()) * 1000);
-    // Opening only starts the greeting with the daemon; asking for our own
-    // unique name waits for it, so a socket nobody serves fails here.
-    const char* unique = nullptr;
-    rc = sd().sd_bus_get_unique_name(bus, &unique);
+    int rc = sd().sd_bus_new(&bus);
+    if (rc < 0) return busError(rc, failed);
+    rc = sd().sd_bus_set_address(bus, address_.c_str());
+    if (rc >= 0) rc = sd().sd_bus_set_bus_client(bus, 1);
+    if (rc >= 0) rc = sd().sd_bus_set_method_call_timeout(bus, static_cast<uint64_t>(deadline_.count()) * 1000);
+    // Starting only opens the socket; the greeting and the authentication are
+    // driven here, under our deadline: sd-bus's own allows 90 seconds.
+    if (rc >= 0) rc = sd().sd_bus_start(bus);
+    auto deadline = std::chrono::steady_clock::now() + deadline_;
+    while (rc >= 0) {
+        rc = sd().sd_bus_is_ready(bus);
+        if (rc != 0) break;
+        auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            closeBus(bus);
+            char seconds[32];
+            std::snprintf(seconds, sizeof seconds, "%.1f", deadline_.count() / 1000.0);
+            return SystemError{ETIMEDOUT, failed + ": it did not answer within " + seconds + " s"};
+        }
+        rc = sd().sd_bus_process(bus, nullptr);
+        if (rc != 0) continue;
+        rc = sd().sd_bus_wait(bus, static_cast<uint64_t>(left.count()));
+        if (rc > 0) rc = 0;
+    }
     if (rc < 0) {
-        sd().sd_bus_flush_close_unref(bus);
-        return busError(rc, "Could not connect to " + busName());
+        closeBus(bus);
+        return busError(rc, failed);
     }
     bus_ = bus;
     return std::nullopt;
@@ -115,7 +211,7 @@ std::optional<SystemError> LinuxSessionBus::emitSignal(const std::string& path, 
     if (rc >= 0) rc = sd().sd_bus_flush(bus_);
     if (rc < 0) {
         dropLocked();
-        return busError(rc, "Could not send a message on " + busName());
+        return busError(rc, "Could not send a message on " + busName(address_));
     }
     return std::nullopt;
 }
@@ -129,12 +225,28 @@ LinuxSessionBus::Ownership LinuxSessionBus::hasOwner(const std::string& name) {
                                 "NameHasOwner", &error.error, &reply.message, "s", name.c_str());
     if (rc < 0) {
         if (sd().sd_bus_is_open(bus_) <= 0) dropLocked();
-        return {false, busError(rc, "Could not ask " + busName() + " about " + name, &error.error)};
+        return {false, busError(rc, "Could not ask " + busName(address_) + " about " + name, &error.error)};
     }
     int owned = 0;
     rc = sd().sd_bus_message_read(reply.message, "b", &owned);
-    if (rc < 0) return {false, busError(rc, "Unreadable answer from " + busName())};
+    if (rc < 0) return {false, busError(rc, "Unreadable answer from " + busName(address_))};
     return {owned != 0, std::nullopt};
+}
+
+std::optional<pid_t> LinuxSessionBus::ownerProcess(const std::string& name) {
+    std::lock_guard lock(mutex_);
+    if (connectLocked()) return std::nullopt;
+    ErrorGuard error;
+    MessageGuard reply;
+    int rc = sd().sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                     "GetConnectionUnixProcessID", &error.error, &reply.message, "s", name.c_str());
+    if (rc < 0) {
+        if (sd().sd_bus_is_open(bus_) <= 0) dropLocked();
+        return std::nullopt;
+    }
+    uint32_t pid = 0;
+    if (sd().sd_bus_message_read(reply.message, "u", &pid) < 0 || pid == 0) return std::nullopt;
+    return static_cast<pid_t>(pid);
 }
 
 std::optional<SystemError> LinuxSessionBus::openURIs(const std::string& name, const std::string& objectPath,

@@ -65,9 +65,19 @@ public:
         return it == apps_.end() ? std::vector<platform::RunningApplication>{} : it->second;
     }
 
+    std::vector<pid_t> runningFrom(const std::filesystem::path& app) const override {
+        std::lock_guard lock(mutex_);
+        auto it = from_.find(app);
+        return it == from_.end() ? std::vector<pid_t>{} : it->second;
+    }
+
     void set(const std::string& identifier, std::vector<platform::RunningApplication> apps) {
         std::lock_guard lock(mutex_);
         apps_[identifier] = std::move(apps);
+    }
+    void setFrom(const std::filesystem::path& app, std::vector<pid_t> pids) {
+        std::lock_guard lock(mutex_);
+        from_[app] = std::move(pids);
     }
     std::vector<std::string> asked() const {
         std::lock_guard lock(mutex_);
@@ -77,25 +87,53 @@ public:
 private:
     mutable std::mutex mutex_;
     std::map<std::string, std::vector<platform::RunningApplication>> apps_;
+    std::map<std::filesystem::path, std::vector<pid_t>> from_;
     mutable std::vector<std::string> asked_;
 };
 
+// Sockets by the ports seen from their holder's side, and which processes
+// hold which socket inodes.
 class FakeProcessSockets final : public platform::ProcessSockets {
 public:
-    std::optional<std::vector<platform::TcpSocket>> tcpSockets(pid_t pid) const override {
+    std::optional<platform::LoopbackSocket> loopbackSocket(uint16_t localPort, uint16_t remotePort) const override {
         std::lock_guard lock(mutex_);
-        auto it = sockets_.find(pid);
+        auto it = sockets_.find({localPort, remotePort});
         if (it == sockets_.end()) return std::nullopt;
         return it->second;
     }
-    void set(pid_t pid, std::vector<platform::TcpSocket> sockets) {
+    std::optional<std::vector<uint64_t>> socketInodes(pid_t pid) const override {
         std::lock_guard lock(mutex_);
-        sockets_[pid] = std::move(sockets);
+        if (unreadable_.count(pid)) return std::nullopt;
+        auto it = held_.find(pid);
+        return it == held_.end() ? std::vector<uint64_t>{} : it->second;
+    }
+    std::optional<std::vector<pid_t>> holders(uint64_t inode) const override {
+        std::lock_guard lock(mutex_);
+        if (!unreadable_.empty()) return std::nullopt;
+        std::vector<pid_t> found;
+        for (const auto& [pid, inodes] : held_)
+            if (std::find(inodes.begin(), inodes.end(), inode) != inodes.end()) found.push_back(pid);
+        return found;
+    }
+
+    void connection(uint16_t localPort, uint16_t remotePort, platform::LoopbackSocket socket) {
+        std::lock_guard lock(mutex_);
+        sockets_[{localPort, remotePort}] = socket;
+    }
+    void hold(pid_t pid, std::vector<uint64_t> inodes) {
+        std::lock_guard lock(mutex_);
+        held_[pid] = std::move(inodes);
+    }
+    void unreadable(pid_t pid) {
+        std::lock_guard lock(mutex_);
+        unreadable_.insert(pid);
     }
 
 private:
     mutable std::mutex mutex_;
-    std::map<pid_t, std::vector<platform::TcpSocket>> sockets_;
+    std::map<std::pair<uint16_t, uint16_t>, platform::LoopbackSocket> sockets_;
+    std::map<pid_t, std::vector<uint64_t>> held_;
+    std::set<pid_t> unreadable_;
 };
 
 class FakeCodeSigning final : public platform::CodeSigning {
@@ -104,6 +142,11 @@ public:
         std::lock_guard lock(mutex_);
         checked_.push_back({pid, requirement});
         return signedPids_.count(pid) > 0 && (!acceptedRequirement || *acceptedRequirement == requirement);
+    }
+    bool validNow(pid_t pid, const std::string& requirement) const override {
+        if (!satisfies(pid, requirement)) return false;
+        std::lock_guard lock(mutex_);
+        return !hindered_.count(pid);
     }
     std::optional<std::string> ownTeam() const override {
         std::lock_guard lock(mutex_);
@@ -114,6 +157,11 @@ public:
     void sign(pid_t pid) {
         std::lock_guard lock(mutex_);
         signedPids_.insert(pid);
+    }
+    // Signed, but stopped or traced.
+    void hinder(pid_t pid) {
+        std::lock_guard lock(mutex_);
+        hindered_.insert(pid);
     }
     void setTeam(std::optional<std::string> team) {
         std::lock_guard lock(mutex_);
@@ -133,6 +181,7 @@ public:
 private:
     mutable std::mutex mutex_;
     std::set<pid_t> signedPids_;
+    std::set<pid_t> hindered_;
     std::optional<std::string> team_;
     mutable std::vector<std::pair<pid_t, std::string>> checked_;
     mutable int teamReads_ = 0;

@@ -6,16 +6,18 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <systemd/sd-bus.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <future>
 #include <thread>
 
+#include "Announcements.h"
 #include "support/LinkSession.h"
 
 using namespace testsupport;
 using Settings = LinkSession::Settings;
+using linkattack::nextAnnouncedPort;
 namespace fs = std::filesystem;
 
 namespace {
@@ -36,43 +38,6 @@ protected:
     }
     static bool isError(const json& result) { return result.value("isError", false); }
 };
-
-// The port of the next link notification on the bus, heard as Studio hears it.
-std::future<int> nextAnnouncedPort(const std::string& address) {
-    auto ready = std::make_shared<std::promise<void>>();
-    auto listening = ready->get_future();
-    auto port = std::async(std::launch::async, [address, ready]() -> int {
-        sd_bus* bus = nullptr;
-        sd_bus_new(&bus);
-        sd_bus_set_address(bus, address.c_str());
-        sd_bus_set_bus_client(bus, 1);
-        sd_bus_start(bus);
-        int found = 0;
-        sd_bus_match_signal(
-            bus, nullptr, nullptr, "/com/lumenfold/DistributedNotification", "com.lumenfold.DistributedNotification",
-            "Posted",
-            [](sd_bus_message* m, void* data, sd_bus_error*) {
-                const char *name = nullptr, *object = nullptr;
-                if (sd_bus_message_read(m, "ss", &name, &object) >= 0 && !*static_cast<int*>(data))
-                    *static_cast<int*>(data) = std::atoi(object + 5);  // "port=<n>&..."
-                return 0;
-            },
-            &found);
-        sd_bus_flush(bus);
-        // Let the match reach the daemon before the test goes on.
-        const char* unique;
-        sd_bus_get_unique_name(bus, &unique);
-        ready->set_value();
-        auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (!found && std::chrono::steady_clock::now() < deadline) {
-            if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 20'000);
-        }
-        sd_bus_flush_close_unref(bus);
-        return found;
-    });
-    listening.wait();
-    return port;
-}
 
 }  // namespace
 
@@ -211,31 +176,59 @@ TEST_F(LinkLifetime, StudioQuittingGivesTheClosedMessageOnceThenANewHandover) {
 }
 
 TEST_F(LinkLifetime, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
-    LinkSession session(Settings{{"STUDIO_SIM_NEVER_ANSWER", "1"}});
-    session.startStudio();
-    session.startBridge();
-    session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
-                  {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
-    ASSERT_TRUE(session.bridge().waitForStderr(asking));
-    std::this_thread::sleep_for(200ms);
-    auto start = std::chrono::steady_clock::now();
-    session.bridge().closeStdin();
-    auto status = session.bridge().wait(8s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(*status, 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 6s);
-    EXPECT_EQ(session.bridge().readRest(1s), "");
+    // While the reply is awaited, and at once, while the hand-over starts.
+    for (bool waitForAsking : {true, false}) {
+        LinkSession session(Settings{{"STUDIO_SIM_NEVER_ANSWER", "1"}});
+        session.startStudio();
+        session.startBridge();
+        session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
+                      {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
+        if (waitForAsking) {
+            ASSERT_TRUE(session.bridge().waitForStderr(asking));
+            std::this_thread::sleep_for(200ms);
+        }
+        auto start = std::chrono::steady_clock::now();
+        session.bridge().closeStdin();
+        auto status = session.bridge().wait(8s);
+        ASSERT_TRUE(status) << waitForAsking;
+        EXPECT_EQ(*status, 0) << waitForAsking << session.bridge().stderrText();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 6s);
+        auto rest = session.bridge().readRest(1s);
+        if (waitForAsking) EXPECT_EQ(rest, "");
+    }
 }
 
-TEST_F(LinkLifetime, UnreachableSessionBusIsAClearErrorAtOnce) {
-    LinkSession session;
-    session.environment()["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (session.home() / "no-bus").string();
-    session.startBridge();
-    auto start = std::chrono::steady_clock::now();
-    auto result = session.call(1, "studio_status");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
-    EXPECT_TRUE(isError(result));
-    EXPECT_NE(LinkSession::text(result).find("DBUS_SESSION_BUS_ADDRESS"), std::string::npos) << result.dump();
+TEST_F(LinkLifetime, UnreachableOrSilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
+    for (bool silent : {false, true}) {
+        LinkSession session;
+        fs::path socketPath = session.home() / "bus";
+        // A socket that accepts (the kernel does, from the backlog) and never
+        // says a word, or none at all.
+        int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (silent) {
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
+            ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+            listen(listener, 8);
+        }
+        session.environment()["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + socketPath.string();
+        session.startBridge();
+        auto start = std::chrono::steady_clock::now();
+        session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
+                      {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
+        std::this_thread::sleep_for(300ms);
+        session.send({{"jsonrpc", "2.0"}, {"id", 2}, {"method", "ping"}});
+        EXPECT_TRUE(session.reply(2, 2s)) << "the ping waited for the bus; silent: " << silent << "\n"
+                                          << session.bridge().stderrText();
+        auto answer = session.reply(1, 30s);
+        ASSERT_TRUE(answer);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+        EXPECT_TRUE((*answer)["result"].value("isError", false));
+        EXPECT_NE(LinkSession::text((*answer)["result"]).find("DBUS_SESSION_BUS_ADDRESS"), std::string::npos)
+            << answer->dump();
+        close(listener);
+    }
 }
 
 using LinkForwarding = Link;

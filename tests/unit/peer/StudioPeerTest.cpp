@@ -2,6 +2,9 @@
 // Studio, which running copies count, the requirement text, the challenge,
 // and the loopback URLs Studio may hand back.
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
 
 #include "peer/StudioPeer.h"
 #include "support/PlatformDoubles.h"
@@ -14,9 +17,9 @@ namespace {
 
 constexpr const char* identifier = "com.lumenfold.vantoric.studio";
 
-class PeerChecks : public ::testing::Test {
-protected:
-    PeerChecks() { fs::create_directories(app_); }
+// One machine as the doubles describe it.
+struct PeerWorld {
+    PeerWorld() { fs::create_directories(app_); }
 
     StudioPeer peer() { return StudioPeer({running_, sockets_, signing_}, identifier); }
 
@@ -26,35 +29,63 @@ protected:
     testsupport::FakeRunningApplications running_;
     testsupport::FakeProcessSockets sockets_;
     testsupport::FakeCodeSigning signing_;
+    std::pair<uint16_t, uint16_t> ports_{50001, 40000};
 };
+
+class PeerChecks : public ::testing::Test, public PeerWorld {};
 
 }  // namespace
 
 using VerifiedStudio = PeerChecks;
 
-TEST_F(VerifiedStudio, ProcessOwningThePortPairFromItsSideAndSigned) {
-    running_.set(identifier, {{100, app_}, {200, app_}, {300, app_}});
-    sockets_.set(100, {{50001, 40000}});
-    sockets_.set(200, {{7, 8}, {50002, 40000}});
-    sockets_.set(300, {{40000, 50003}});  // the bridge's own view of the pair is not Studio's
-    sockets_.set(400, {{50004, 40000}});  // not a running Studio
-    signing_.sign(100);
-    signing_.sign(200);
-    signing_.sign(300);
-    signing_.sign(400);
-    EXPECT_EQ(peer().studio(app_, 50002, 40000), 200);
-    EXPECT_EQ(peer().studio(app_, 50001, 40000), 100);
-    EXPECT_FALSE(peer().studio(app_, 50003, 40000));
-    EXPECT_FALSE(peer().studio(app_, 50004, 40000));
-    EXPECT_EQ(running_.asked().back(), identifier);
+TEST_F(VerifiedStudio, EveryHolderOfTheExactSocketMustBeAValidStudioOfThisUser) {
+    struct Case {
+        const char* what;
+        std::function<void(PeerWorld&)> arrange;
+        std::optional<pid_t> studio;
+    };
+    const uid_t own = getuid();
+    const Case cases[] = {
+        {"the one holder is Studio", [](PeerWorld&) {}, 100},
+        {"two copies hold it", [](PeerWorld& t) { t.sockets_.hold(200, {7}); }, 100},
+        {"no socket has the four-tuple", [](PeerWorld& t) { t.ports_ = {50009, 40000}; }, std::nullopt},
+        {"the socket is another user's",
+         [own](PeerWorld& t) { t.sockets_.connection(50001, 40000, {7, own + 1}); }, std::nullopt},
+        {"a process that is not Studio holds it too", [](PeerWorld& t) { t.sockets_.hold(300, {9, 7}); },
+         std::nullopt},
+        {"the Studio holding it is stopped or traced", [](PeerWorld& t) { t.signing_.hinder(100); },
+         std::nullopt},
+        {"a copy from elsewhere holds it", [](PeerWorld& t) { t.running_.setFrom(t.app_, {200}); }, std::nullopt},
+        {"no Studio holds it, only others", [](PeerWorld& t) { t.sockets_.hold(100, {8}); t.sockets_.hold(300, {7}); },
+         std::nullopt},
+        {"a process that might hold it cannot be searched", [](PeerWorld& t) { t.sockets_.unreadable(400); },
+         std::nullopt},
+    };
+    for (const auto& c : cases) {
+        PeerWorld t;
+        t.running_.setFrom(t.app_, {100, 200});
+        t.sockets_.connection(50001, 40000, {7, own});
+        t.sockets_.hold(100, {3, 7});
+        t.sockets_.hold(200, {4});
+        for (pid_t pid : {100, 200, 300}) t.signing_.sign(pid);
+        c.arrange(t);
+        EXPECT_EQ(t.peer().studio(t.app_, t.ports_.first, t.ports_.second), c.studio) << c.what;
+    }
 }
 
-TEST_F(VerifiedStudio, UnsignedOwnerOrUnreadableSocketsAreRefused) {
-    running_.set(identifier, {{100, app_}, {200, app_}});
-    sockets_.set(100, {{50001, 40000}});
-    signing_.sign(200);  // 200's sockets cannot be read
-    EXPECT_FALSE(peer().studio(app_, 50001, 40000));
-    EXPECT_FALSE(peer().studio(app_, 50002, 40000));
+TEST_F(VerifiedStudio, LookAtProcessesIsSharedOnlyByConnectionsAcceptedBeforeIt) {
+    running_.setFrom(app_, {100});
+    sockets_.connection(50001, 40000, {7, getuid()});
+    sockets_.hold(100, {7});
+    signing_.sign(100);
+    auto checks = peer();
+    auto accepted = StudioPeer::Clock::now();
+    EXPECT_EQ(checks.studio(app_, 50001, 40000, accepted), 100);
+    // Studio quits; a connection accepted before the last look may still
+    // rely on it, one accepted after may not.
+    running_.setFrom(app_, {});
+    EXPECT_EQ(checks.studio(app_, 50001, 40000, accepted), 100);
+    EXPECT_FALSE(checks.studio(app_, 50001, 40000, StudioPeer::Clock::now()));
 }
 
 using Eligibility = PeerChecks;
