@@ -3,7 +3,7 @@
 namespace blocking {
 
 boost::asio::thread_pool& workers() {
-    static auto* pool = new boost::asio::thread_pool(1);
+    static auto* pool = new boost::asio::thread_pool(2);
     return *pool;
 }
 

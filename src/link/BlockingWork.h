@@ -1,40 +1,76 @@
-// Work that may block for long (opening, writing, syncing and moving files
-// that the agent named, which can sit on a slow disk, a network share or be
-// a device) runs on a thread of its own, never on the I/O thread: pings,
-// cancellations and other calls go on meanwhile. The awaiting coroutine
-// resumes on its own executor with the result or the exception.
+// Work that may block for long runs on a small pool of its own, never on the
+// I/O thread: the session bus and /proc of the hand-over, and opening,
+// writing, syncing and moving files the agent named (which can sit on a
+// slow disk or a network share, or be a device). The calling coroutine waits
+// for the result and the bridge's strand goes on serving, pings included.
 //
-// The work itself cannot be interrupted; a cancelled caller sees its
-// cancellation once the work has returned.
+// The work cannot be interrupted: it runs to its end (each has its own
+// deadline, or is bounded by the file system) and the result or exception
+// comes back on the caller's executor, where a cancelled caller then sees
+// its cancellation. Asio's co_spawn is not used: it forwards a cancellation
+// to a child that may already have finished and been freed.
 #pragma once
-#include <functional>
+#include <exception>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
 namespace blocking {
 
-// One thread for the whole process, never joined: a process that exits
-// while a write hangs on a dead share must not wait for it.
+// Two threads for the whole process (a bus call of up to five seconds must
+// not hold a download's writes), never joined: a process that exits while a
+// write hangs on a dead share must not wait for it.
 boost::asio::thread_pool& workers();
 
+// work() on the pool; its value, or its exception rethrown, in the caller.
 template <class Work>
-boost::asio::awaitable<std::invoke_result_t<Work>> run(Work work) {
-    using Result = std::invoke_result_t<Work>;
-    co_return co_await boost::asio::co_spawn(
-        workers().get_executor(),
-        [work = std::move(work)]() mutable -> boost::asio::awaitable<Result> { co_return work(); },
-        boost::asio::use_awaitable);
+auto run(Work work) {
+    using Result = std::invoke_result_t<Work&>;
+    auto initiation = [work = std::move(work)](auto handler) mutable {
+        auto guard = boost::asio::make_work_guard(boost::asio::get_associated_executor(handler));
+        boost::asio::post(workers(), [work = std::move(work), handler = std::move(handler),
+                                      guard = std::move(guard)]() mutable {
+            auto executor = guard.get_executor();
+            std::exception_ptr failure;
+            if constexpr (std::is_void_v<Result>) {
+                try {
+                    work();
+                } catch (...) {
+                    failure = std::current_exception();
+                }
+                boost::asio::post(executor, [handler = std::move(handler), failure]() mutable {
+                    std::move(handler)(failure);
+                });
+            } else {
+                std::optional<Result> result;
+                try {
+                    result.emplace(work());
+                } catch (...) {
+                    failure = std::current_exception();
+                }
+                boost::asio::post(executor, [handler = std::move(handler), failure, result = std::move(result)]() mutable {
+                    std::move(handler)(failure, result ? std::move(*result) : Result{});
+                });
+            }
+        });
+    };
+    if constexpr (std::is_void_v<Result>)
+        return boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, void(std::exception_ptr)>(
+            std::move(initiation), boost::asio::use_awaitable);
+    else
+        return boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, void(std::exception_ptr, Result)>(
+            std::move(initiation), boost::asio::use_awaitable);
 }
 
-// Destroys the object on the worker thread; for owners whose destructor
-// removes files.
+// Destroys the object on the pool; for owners whose destructor removes files.
 template <class T>
 void discard(std::unique_ptr<T> object) {
     if (object) boost::asio::post(workers(), [doomed = std::shared_ptr<T>(std::move(object))]() mutable { doomed.reset(); });

@@ -24,7 +24,6 @@
 #include "link/Cancellation.h"
 #include "link/HandoverReply.h"
 #include "link/HttpSession.h"
-#include "link/OffThread.h"
 #include "link/Once.h"
 #include "link/StudioLocation.h"
 #include "peer/StudioPeer.h"
@@ -263,7 +262,7 @@ asio::awaitable<void> StudioConnection::announce(std::shared_ptr<StudioConnectio
         // Named, not a temporary of the co_await expression: GCC 12 destroys
         // such temporaries twice.
         auto post = [self, query] { return self->services_.notifications.post(self->services_.notificationName, query); };
-        if (!listener->contacted()) co_await offthread::run(std::move(post));
+        if (!listener->contacted()) co_await blocking::run(std::move(post));
     }
 }
 
@@ -306,7 +305,7 @@ asio::awaitable<Link> StudioConnection::establish() {
             }
             return std::nullopt;
         };
-        if (auto refusal = co_await offthread::run(std::move(prepare))) throw BridgeError(*refusal);
+        if (auto refusal = co_await blocking::run(std::move(prepare))) throw BridgeError(*refusal);
         co_await checkCancelled();
 
         platform::log("asking Studio for its agent endpoint (it asks the person the first time)");
@@ -315,7 +314,7 @@ asio::awaitable<Link> StudioConnection::establish() {
         auto firstPost = [self, query] {
             return self->services_.notifications.post(self->services_.notificationName, query);
         };
-        if (auto failure = co_await offthread::run(std::move(firstPost))) {
+        if (auto failure = co_await blocking::run(std::move(firstPost))) {
             throw BridgeError(failure->description +
                               ". Vantoric Studio is asked for a link over the desktop session's bus: start the agent "
                               "inside the desktop session, or set DBUS_SESSION_BUS_ADDRESS to its bus.");
