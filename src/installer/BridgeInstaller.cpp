@@ -33,7 +33,9 @@ int run(const std::vector<std::string>& arguments, const fs::path& bridge, const
 }
 
 int run(const std::vector<std::string>& arguments, const fs::path& bridge, const std::optional<fs::path>& app,
-        const platform::Environment& environment, const Settings& settings, std::ostream& out) {
+        const platform::Environment& environment, const Settings& given, std::ostream& out) {
+    Settings settings = given;
+    if (auto bus = environment.find("DBUS_SESSION_BUS_ADDRESS"); bus != environment.end()) settings.sessionBus = bus->second;
     if (arguments.empty() || !isCommand(arguments.front())) {
         out << usage << '\n';
         return 2;

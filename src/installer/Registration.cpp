@@ -104,7 +104,9 @@ CommandResult add(const Agent& agent, const fs::path& bridge, const Settings& se
     if (agent.id == "claude") {
         arguments = {"mcp", "add", "--scope", "user", settings.serverName, "--", bridge.string()};
     } else if (agent.id == "codex") {
-        arguments = {"mcp", "add", settings.serverName, "--", bridge.string()};
+        arguments = {"mcp", "add", settings.serverName};
+        if (!settings.sessionBus.empty()) arguments.insert(arguments.end(), {"--env", "DBUS_SESSION_BUS_ADDRESS=" + settings.sessionBus});
+        arguments.insert(arguments.end(), {"--", bridge.string()});
     } else {
         arguments = {"mcp", "add", "--global", settings.serverName, "--", bridge.string()};
     }

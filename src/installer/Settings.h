@@ -15,6 +15,11 @@ struct Settings {
     std::string serverName;      // "vantoric-studio", or "studio-subject" for the subject build
     bool managesSkill = true;    // false for the subject build: no skill is touched or reported
     double timeout = commandTimeout;
+    // The session bus this run sees (DBUS_SESSION_BUS_ADDRESS), or empty.
+    // Codex starts MCP servers with a reduced environment that drops it, so
+    // its entry carries the address; the bridge cannot reach Studio without a
+    // bus. Other agents pass their own environment on.
+    std::string sessionBus;
 
     // The values of the build this process serves.
     static Settings current();

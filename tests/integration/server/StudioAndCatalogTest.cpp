@@ -36,6 +36,11 @@ TEST(CatalogSources, BundleAgentLinkCatalog) {
     auto replies = session.next(3);
     auto catalog = bundleCatalog();
     EXPECT_EQ(replies["1"]["result"]["tools"], catalog["tools"]);
+    // The hints by which an agent runs a tool without asking each time reach
+    // it as Studio wrote them.
+    auto& tools = replies["1"]["result"]["tools"];
+    EXPECT_EQ(tools[0]["annotations"], Json::parse(R"({"title":"Studio status","readOnlyHint":true,"openWorldHint":false})"));
+    for (auto& tool : tools) EXPECT_EQ(tool["annotations"]["openWorldHint"], false) << tool["name"];
     ASSERT_EQ(replies["2"]["result"]["prompts"].size(), catalog["prompts"].size());
     EXPECT_EQ(replies["2"]["result"]["prompts"][0]["name"], catalog["prompts"][0]["name"]);
     EXPECT_FALSE(replies["2"]["result"]["prompts"][0].contains("template"));

@@ -39,7 +39,14 @@ public:
     void script(const std::string& id, const std::string& subcommand, const std::string& reply, int status);
     fs::path write(const std::string& relative, const std::string& contents) const { return dir_.write(relative, contents); }
 
-    platform::Environment environment() const { return {{"HOME", home().string()}, {"PATH", bin().string()}}; }
+    // The user's environment: HOME, PATH and `variables`.
+    platform::Environment environment() const {
+        platform::Environment all = variables;
+        all["HOME"] = home().string();
+        all["PATH"] = bin().string();
+        return all;
+    }
+    platform::Environment variables;
     BridgeInstaller::Settings settings() const;
     // Seconds an agent's program may take; shortened by tests of programs that hang.
     double timeout = 30;

@@ -118,6 +118,18 @@ TEST_P(ClaudeAndCodexSteps, InstallReplacesAnotherEntryOrAddsOneThenFindsItCurre
     EXPECT_EQ(status.status, 0);
 }
 
+TEST_P(ClaudeAndCodexSteps, OnlyCodexEntriesCarryTheSessionBus) {
+    // Codex drops the variable from the environment of the servers it starts.
+    std::string bus = "unix:path=/run/user/1000/bus,guid=0123abcd";
+    machine.variables["DBUS_SESSION_BUS_ADDRESS"] = bus;
+    EXPECT_EQ(firstLine(machine.run({"install", id}).output), title + ": Studio's MCP server added, skill installed.");
+    std::string add = id == "codex" ? "mcp add vantoric-studio --env DBUS_SESSION_BUS_ADDRESS=" + bus + " -- " +
+                                          machine.bridge().string()
+                                    : expectedCalls({"add"})[0];
+    EXPECT_EQ(machine.calls(id), (std::vector<std::string>{expectedCalls({"get"})[0], add}));
+    EXPECT_EQ(machine.servers(id), stdioEntry("vantoric-studio", machine.bridge().string()));
+}
+
 TEST_P(ClaudeAndCodexSteps, InstallReportsFailuresWithTheAgentsWords) {
     machine.setServers(id, stdioEntry("vantoric-studio", "/opt/old"));
     machine.script(id, "remove", "Permission denied: config\n\n", 3);
