@@ -432,6 +432,12 @@ public:
     asio::awaitable<void> commit() {
         co_await blocking::run([this] { file_->commit(); });
     }
+    // Removes an unfinished file before the failure is reported, so that
+    // whoever hears of it finds nothing left behind.
+    asio::awaitable<void> abandon() {
+        if (!file_) co_return;
+        co_await blocking::run([file = std::shared_ptr<DownloadFile>(std::move(file_))]() mutable { file.reset(); });
+    }
 
 private:
     fs::path destination_;
@@ -448,8 +454,17 @@ asio::awaitable<void> StudioConnection::download(std::string downloadId, fs::pat
     HttpRequest request{"GET", url, {{"Authorization", "Bearer " + link.token}}, {}};
 
     DownloadSink sink(std::move(destination), overwrite);
-    int status = co_await session_->receiveFile(std::move(request), 200, sink);
-    if (status != 200)
-        throw BridgeError("Studio could not hand over the export. It is still in the project's exports folder.");
-    co_await sink.commit();
+    std::exception_ptr failure;
+    try {
+        int status = co_await session_->receiveFile(std::move(request), 200, sink);
+        if (status != 200)
+            throw BridgeError("Studio could not hand over the export. It is still in the project's exports folder.");
+        co_await sink.commit();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!failure) co_return;
+    // A cancelled call gives no answer; its file goes when the sink does.
+    if (!cancellation::is(failure)) co_await sink.abandon();
+    std::rethrow_exception(failure);
 }
