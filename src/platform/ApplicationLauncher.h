@@ -25,8 +25,10 @@ class Bundles;
 class LinuxSessionBus;
 
 // openApplication spawns the bundle's executable detached: a new session,
-// standard input, output and error on /dev/null, the working folder "/", this
-// process's environment, no descriptor of ours. A failed exec comes back as
+// standard input, output and error on /dev/null, the working folder "/", the
+// session's variables of this process's environment (HOME, USER, LOGNAME,
+// PATH, LANG, LC_*, DISPLAY, WAYLAND_DISPLAY, XAUTHORITY, XDG_*,
+// DBUS_SESSION_BUS_ADDRESS) and none of the agent's, no descriptor of ours. A failed exec comes back as
 // the error (learnt through a close-on-exec pipe). The child is not ours to
 // reap: it is handed to init at once.
 //

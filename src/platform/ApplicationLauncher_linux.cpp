@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "platform/ApplicationLauncher.h"
 #include "platform/Bundle.h"
@@ -23,7 +25,20 @@ namespace {
 
 // Everything between fork and exec must be async-signal-safe: this process
 // has other threads, whose locks the child inherits in whatever state.
-[[noreturn]] void becomeApplication(const char* path, char* const* argv, int reportFd) {
+// What an application needs of the session, and nothing of the agent's:
+// the agent's environment holds its API keys and its own settings, which
+// are none of Studio's business.
+bool sessionVariable(std::string_view entry) {
+    std::string_view name = entry.substr(0, entry.find('='));
+    static constexpr std::string_view exact[] = {"HOME",    "USER",    "LOGNAME",         "PATH",
+                                                 "LANG",    "DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY",
+                                                 "DBUS_SESSION_BUS_ADDRESS"};
+    for (auto allowed : exact)
+        if (name == allowed) return true;
+    return name.starts_with("LC_") || name.starts_with("XDG_");
+}
+
+[[noreturn]] void becomeApplication(const char* path, char* const* argv, char* const* envp, int reportFd) {
     if (setsid() < 0) {
         int error = errno;
         (void)!write(reportFd, &error, sizeof error);
@@ -61,7 +76,7 @@ namespace {
     if (chdir("/") != 0) {
         // Not worth failing for: the application gets our folder instead.
     }
-    execve(path, argv, environ);
+    execve(path, argv, envp);
     int error = errno;
     (void)!write(reportFd, &error, sizeof error);
     _exit(127);
@@ -77,11 +92,16 @@ std::optional<SystemError> LinuxApplicationLauncher::spawnDetached(const fs::pat
     std::vector<char*> argv;
     for (auto& s : strings) argv.push_back(s.data());
     argv.push_back(nullptr);
+    // Made before the fork: the child may not allocate.
+    std::vector<char*> envp;
+    for (char** entry = environ; *entry; ++entry)
+        if (sessionVariable(*entry)) envp.push_back(*entry);
+    envp.push_back(nullptr);
 
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) return SystemError::fromErrno(errno, "Could not start " + path);
     pid_t child = fork();
-    if (child == 0) becomeApplication(path.c_str(), argv.data(), report[1]);
+    if (child == 0) becomeApplication(path.c_str(), argv.data(), envp.data(), report[1]);
     int forkError = errno;
     close(report[1]);
     if (child < 0) {

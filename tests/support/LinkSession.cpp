@@ -33,7 +33,18 @@ LinkSession::LinkSession(Settings settings)
     environment_["STUDIO_SIM_HOME"] = home_.path().string();
     environment_["STUDIO_SIM_LOG"] = (home_.path() / "studio.jsonl").string();
     environment_.erase("VANTORIC_STUDIO_CATALOG");
+    // A copy of Studio that the bridge launches gets the session's variables
+    // only; it reads its settings from this folder, and is known by it.
+    environment_["XDG_CONFIG_HOME"] = (home_.path() / ".config").string();
     for (auto& [name, value] : settings) environment_[name] = value;
+}
+
+void LinkSession::writeStudioSettings() const {
+    fs::path folder = home_.path() / ".config/vantoric-studio-sim";
+    fs::create_directories(folder);
+    std::ofstream out(folder / "settings", std::ios::trunc);
+    for (auto& [name, value] : environment_)
+        if (name.rfind("STUDIO_SIM_", 0) == 0) out << name << '=' << value << '\n';
 }
 
 LinkSession::~LinkSession() {
@@ -50,6 +61,7 @@ LinkSession::~LinkSession() {
 
 pid_t LinkSession::startStudio(std::optional<fs::path> app) {
     fs::path where = app.value_or(bundle());
+    writeStudioSettings();
     studio_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
         .argv = {(where / "Contents/MacOS/Vantoric Studio").string()}, .environment = environment_, .workingDirectory = {}});
     auto ready = studio_->readLine(10s);
@@ -67,7 +79,7 @@ void LinkSession::stopStudio() {
 
 std::vector<pid_t> LinkSession::studioProcesses() const {
     std::vector<pid_t> found;
-    std::string marker = "STUDIO_SIM_HOME=" + home_.path().string();
+    std::string marker = "XDG_CONFIG_HOME=" + (home_.path() / ".config").string();
     for (auto& entry : fs::directory_iterator("/proc")) {
         std::string name = entry.path().filename().string();
         if (name.find_first_not_of("0123456789") != std::string::npos) continue;
@@ -95,6 +107,7 @@ std::vector<json> LinkSession::studioEvents(const std::string& event) const {
 
 void LinkSession::startBridge(std::filesystem::path workingDirectory) {
     if (workingDirectory.empty()) workingDirectory = home_.path();
+    writeStudioSettings();
     bridge_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
         .argv = {bridgeBinary().string()}, .environment = environment_, .workingDirectory = workingDirectory});
     send({{"jsonrpc", "2.0"},

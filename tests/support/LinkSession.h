@@ -61,6 +61,10 @@ public:
     static std::string text(const json& result);
 
 private:
+    // The simulator's settings of `environment_`, where a copy the bridge
+    // launches finds them.
+    void writeStudioSettings() const;
+
     std::unique_ptr<testsupport::PrivateBus> bus_;
     testsupport::TempDir home_;
     testsupport::Environment environment_;

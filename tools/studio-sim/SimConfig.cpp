@@ -3,14 +3,38 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <fstream>
+#include <map>
+#include <string>
 
 namespace studiosim {
 namespace {
 
+// The settings file: NAME=VALUE lines in
+// $XDG_CONFIG_HOME/vantoric-studio-sim/settings. A bridge launches Studio
+// with the session's variables only, so a copy it launches learns its test
+// settings from there; the environment still wins.
+const std::map<std::string, std::string>& settingsFile() {
+    static const std::map<std::string, std::string> settings = [] {
+        std::map<std::string, std::string> read;
+        const char* config = std::getenv("XDG_CONFIG_HOME");
+        if (!config || !*config) return read;
+        std::ifstream in(std::string(config) + "/vantoric-studio-sim/settings");
+        std::string line;
+        while (std::getline(in, line)) {
+            auto equals = line.find('=');
+            if (equals != std::string::npos) read[line.substr(0, equals)] = line.substr(equals + 1);
+        }
+        return read;
+    }();
+    return settings;
+}
+
 std::optional<std::string> env(const char* name) {
-    const char* value = std::getenv(name);
-    if (!value) return std::nullopt;
-    return std::string(value);
+    if (const char* value = std::getenv(name)) return std::string(value);
+    auto setting = settingsFile().find(name);
+    if (setting != settingsFile().end()) return setting->second;
+    return std::nullopt;
 }
 
 // A set variable whose value is not empty; "" counts as unset for every
