@@ -436,7 +436,13 @@ public:
     // whoever hears of it finds nothing left behind.
     asio::awaitable<void> abandon() {
         if (!file_) co_return;
-        co_await blocking::run([file = std::shared_ptr<DownloadFile>(std::move(file_))]() mutable { file.reset(); });
+        // Named, not temporaries of the co_await: GCC 12 destroys a lambda
+        // that owns something twice there (see StudioConnection::waiting).
+        std::shared_ptr<DownloadFile> file(std::move(file_));
+        auto work = [file]() mutable { file.reset(); };
+        file.reset();
+        auto removing = blocking::run(std::move(work));
+        co_await std::move(removing);
     }
 
 private:
