@@ -41,7 +41,11 @@ std::optional<pid_t> StudioPeer::studio(const fs::path& app, uint16_t peerPort, 
     // The cheap refusal first: most connections that are not Studio's are
     // held by no process that could be Studio.
     std::vector<pid_t> studios;
-    for (const auto& [pid, inodes] : candidates(app, acceptedAt)->sockets)
+    // Held here: a range over a member of the returned pointer would not
+    // keep it alive, and a look taken by another connection meanwhile would
+    // free it under the loop.
+    auto looked = candidates(app, acceptedAt);
+    for (const auto& [pid, inodes] : looked->sockets)
         if (std::find(inodes.begin(), inodes.end(), socket->inode) != inodes.end()) studios.push_back(pid);
     if (studios.empty()) return std::nullopt;
     for (pid_t pid : studios)
