@@ -40,23 +40,31 @@ auto run(Work work) {
                                       guard = std::move(guard)]() mutable {
             auto executor = guard.get_executor();
             std::exception_ptr failure;
+            // The work, and whatever it holds, is gone before the result is
+            // posted, and the executor's work count goes with the result:
+            // once the caller has its answer, nothing here may touch what its
+            // executor owns, since that executor may have ended.
+            std::optional<Work> owned(std::move(work));
             if constexpr (std::is_void_v<Result>) {
                 try {
-                    work();
+                    (*owned)();
                 } catch (...) {
                     failure = std::current_exception();
                 }
-                boost::asio::post(executor, [handler = std::move(handler), failure]() mutable {
+                owned.reset();
+                boost::asio::post(executor, [handler = std::move(handler), failure, guard = std::move(guard)]() mutable {
                     std::move(handler)(failure);
                 });
             } else {
                 std::optional<Result> result;
                 try {
-                    result.emplace(work());
+                    result.emplace((*owned)());
                 } catch (...) {
                     failure = std::current_exception();
                 }
-                boost::asio::post(executor, [handler = std::move(handler), failure, result = std::move(result)]() mutable {
+                owned.reset();
+                boost::asio::post(executor, [handler = std::move(handler), failure, result = std::move(result),
+                                             guard = std::move(guard)]() mutable {
                     std::move(handler)(failure, result ? std::move(*result) : Result{});
                 });
             }

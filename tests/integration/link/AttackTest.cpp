@@ -259,7 +259,10 @@ TEST_F(HandoverAttack, SpoofedAnnouncementWhileStudioStartsCostsOneRoundNotTheLi
     // and a challenge of its own; Studio, still starting, hears it first.
     sd_bus* bus = linkattack::openBus(session.busAddress());
     std::string spoof = "port=" + std::to_string(announced) + "&challenge=" + std::string(64, '0') + "&client=spoof";
-    for (auto until = std::chrono::steady_clock::now() + 1500ms; std::chrono::steady_clock::now() < until;) {
+    // Until Studio has answered one announcement: however slowly it starts,
+    // the spoofs are what it hears first.
+    for (auto until = std::chrono::steady_clock::now() + 10s;
+         std::chrono::steady_clock::now() < until && session.studioEvents("greeting").empty();) {
         linkattack::postAnnouncement(bus, "com.lumenfold.vantoric.studio.agent-link", spoof);
         std::this_thread::sleep_for(5ms);
     }
