@@ -98,3 +98,56 @@ TEST(DownloadFile, UnfinishedDownloadsAreRemovedOnTheWayOut) {
     removeUnfinishedDownloads();
     EXPECT_TRUE(namesIn(dir.path()).empty());
 }
+
+// Refusals in the user's words, each before a byte lands where it should not.
+TEST(DownloadFile, WhatStandsInTheWayIsNamed) {
+    TempDir dir;
+    dir.write("file.txt", "a file, not a folder");
+    fs::create_directories(dir / "folder.mp4");
+    fs::create_symlink(dir / "nowhere", dir / "dangling.mp4");
+    struct Case {
+        std::string destination;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"file.txt/out.mp4", "Could not create the folder " + (dir / "file.txt").string() + ": Not a directory."},
+        {"folder.mp4", (dir / "folder.mp4").string() + " is a folder: name a file to export to."},
+        {"dangling.mp4", (dir / "dangling.mp4").string() + " already exists."},
+    };
+    for (const auto& [destination, message] : cases) {
+        try {
+            DownloadFile::create(dir / destination, false);
+            ADD_FAILURE() << destination;
+        } catch (const BridgeError& refused) {
+            EXPECT_EQ(refused.what(), message);
+        }
+    }
+
+    // Files put where missing folders were to be made, while the bytes came:
+    // refused at the end, with what others put there untouched.
+    auto late = DownloadFile::create(dir / "new/deeper/out.mp4", false);
+    late->write("bytes", 5);
+    fs::create_directories(dir / "new");
+    dir.write("new/deeper", "in the way");
+    EXPECT_THROW(late->commit(), BridgeError);
+    late.reset();
+    EXPECT_EQ(readFile(dir / "new/deeper"), "in the way");
+
+    auto made = DownloadFile::create(dir / "x/y/z/out.mp4", false);
+    made->write("bytes", 5);
+    dir.write("x/y/z", "in the way, two folders down");
+    fs::remove_all(dir / "x");
+    fs::create_directories(dir / "x");
+    dir.write("x/y", "a file where y goes");
+    EXPECT_THROW(made->commit(), BridgeError);
+    made.reset();
+    EXPECT_EQ(namesIn(dir / "x"), std::vector<std::string>{"y"});
+
+    // Another user's leftover is not ours to remove.
+    if (::geteuid() == 0) {
+        dir.write(".theirs.mp4.download-Qw3rty", "someone else's");
+        ASSERT_EQ(::chown((dir / ".theirs.mp4.download-Qw3rty").c_str(), 65534, 65534), 0);
+        DownloadFile::create(dir / "mine.mp4", false);
+        EXPECT_TRUE(fs::exists(dir / ".theirs.mp4.download-Qw3rty"));
+    }
+}
