@@ -10,6 +10,7 @@
 // its cancellation. Asio's co_spawn is not used: it forwards a cancellation
 // to a child that may already have finished and been freed.
 #pragma once
+#include <atomic>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -30,14 +31,39 @@ namespace blocking {
 // write hangs on a dead share must not wait for it.
 boost::asio::thread_pool& workers();
 
+// Jobs posted to the pool and not yet wholly finished, their closures
+// included. For whoever destroys an executor that jobs answer to (a test's
+// io_context): settle() waits until none is left.
+std::atomic<int>& pending();
+void settle();
+
+namespace detail {
+// Counts a job from its posting until everything it held is gone.
+struct Pending {
+    Pending() { pending().fetch_add(1); }
+    Pending(Pending&& other) noexcept : live(std::exchange(other.live, false)) {}
+    Pending(const Pending&) = delete;
+    ~Pending() { done(); }
+    void done() {
+        if (std::exchange(live, false)) pending().fetch_sub(1);
+    }
+    bool live = true;
+};
+}  // namespace detail
+
 // work() on the pool; its value, or its exception rethrown, in the caller.
 template <class Work>
 auto run(Work work) {
     using Result = std::invoke_result_t<Work&>;
     auto initiation = [work = std::move(work)](auto handler) mutable {
         auto guard = boost::asio::make_work_guard(boost::asio::get_associated_executor(handler));
-        boost::asio::post(workers(), [work = std::move(work), handler = std::move(handler),
+        // The count drops once the job holds nothing but moved-from shells.
+        boost::asio::post(workers(), [counted = detail::Pending(), work = std::move(work), handler = std::move(handler),
                                       guard = std::move(guard)]() mutable {
+            struct Done {
+                detail::Pending& counted;
+                ~Done() { counted.done(); }
+            } last{counted};
             auto executor = guard.get_executor();
             std::exception_ptr failure;
             // The work, and whatever it holds, is gone before the result is
@@ -81,7 +107,10 @@ auto run(Work work) {
 // Destroys the object on the pool; for owners whose destructor removes files.
 template <class T>
 void discard(std::unique_ptr<T> object) {
-    if (object) boost::asio::post(workers(), [doomed = std::shared_ptr<T>(std::move(object))]() mutable { doomed.reset(); });
+    if (object)
+        boost::asio::post(workers(), [counted = detail::Pending(), doomed = std::shared_ptr<T>(std::move(object))]() mutable {
+            doomed.reset();
+        });
 }
 
 }  // namespace blocking

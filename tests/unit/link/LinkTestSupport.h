@@ -1,6 +1,7 @@
 // Helpers for the link's tests: an I/O thread to run coroutines on, and a
 // small HTTP server that plays Studio's services.
 #pragma once
+#include "link/BlockingWork.h"
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -25,6 +26,9 @@ class IoThread {
 public:
     IoThread() : work_(io_.get_executor()), strand_(asio::make_strand(io_)), thread_([this] { io_.run(); }) {}
     ~IoThread() {
+        // Jobs of the blocking pool answer to this context: none may still
+        // hold a piece of it when it goes.
+        blocking::settle();
         work_.reset();
         io_.stop();
         thread_.join();

@@ -17,6 +17,7 @@
 #include "server/StudioMCPBridge.h"
 #include "peer/StudioPeer.h"
 #include "support/FakeBundles.h"
+#include "link/BlockingWork.h"
 #include "support/PlatformDoubles.h"
 #include "support/TempDir.h"
 
@@ -49,6 +50,10 @@ public:
             context.get_executor(), std::move(app), std::move(catalog), std::move(workingDirectory),
             [this](std::string_view line) { written.emplace_back(line); }, timing, bundles, std::move(services));
     }
+
+    // Jobs of the blocking pool answer to this context: none may still hold
+    // a piece of it when it goes.
+    ~BridgeHarness() { blocking::settle(); }
 
     // Receives the lines in one turn of the strand and runs every task.
     void receive(const std::vector<std::string>& lines) {
