@@ -2,9 +2,12 @@
 // written them to standard input: cut into lines, each received by a bridge
 // that serves a small catalog, every request task run to its end, then the
 // shutdown. Whatever comes in, each output line must be exactly one JSON
-// object and no request may stay in the table.
+// object and no request may stay in the table; a result answering a request
+// of the stateless revision is framed for it ("resultType" "complete", the
+// server's identity), one answering a handshake request is not.
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -35,6 +38,31 @@ const char* const catalog = R"({
   ]
 })";
 
+// The era of every request among the lines, by request key; a key used in
+// both eras is left out (its replies cannot be told apart).
+std::map<std::string, int> erasOf(const std::vector<std::string_view>& lines) {
+    std::map<std::string, int> eras;  // 1 handshake, 2 stateless, 3 both
+    auto note = [&](const Json& message) {
+        if (!message.is_object()) return;
+        auto method = message.find("method");
+        auto id = message.find("id");
+        if (method == message.end() || !method->is_string() || id == message.end() || id->is_null()) return;
+        auto params = message.find("params");
+        auto era = ProtocolEra::of(method->get_ref<const std::string&>(),
+                                   params == message.end() ? Json::object() : *params);
+        eras[Transport::key(*id)] |= era == ProtocolEra::Era::stateless ? 2 : 1;
+    };
+    for (auto line : lines) {
+        auto parsed = parseJSON(line);
+        if (!parsed) continue;
+        if (parsed->is_array())
+            for (const auto& element : *parsed) note(element);
+        else
+            note(*parsed);
+    }
+    return eras;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -60,12 +88,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         "/tmp/fuzz-folder", [&](std::string_view line) { written.emplace_back(line); }, {},
         platform::systemBundles(), std::move(services));
 
+    std::map<std::string, int> eras;
     boost::asio::post(bridge->strand(), [&] {
         LineSplitter splitter;
         std::vector<std::string_view> lines;
         splitter.feed(std::string_view(reinterpret_cast<const char*>(data), size), lines);
         auto last = splitter.finish();
         if (last) lines.push_back(*last);
+        eras = erasOf(lines);
         for (const auto& line : lines) bridge->receive(line);
     });
     context.run();
@@ -76,7 +106,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!bridge->calls.empty()) std::abort();
     for (const auto& line : written) {
         if (line.empty() || line.back() != '\n' || line.find('\n') != line.size() - 1) std::abort();
-        if (!parseObject(std::string_view(line).substr(0, line.size() - 1))) std::abort();
+        auto reply = parseObject(std::string_view(line).substr(0, line.size() - 1));
+        if (!reply) std::abort();
+        auto result = reply->find("result");
+        auto id = reply->find("id");
+        if (result == reply->end() || id == reply->end()) continue;
+        auto era = eras.find(Transport::key(*id));
+        if (era == eras.end() || era->second == 3) continue;
+        const bool framed = result->is_object() && result->contains("resultType");
+        if (era->second == 1 && framed) std::abort();
+        if (era->second == 2 && (!framed || (*result)["resultType"] != "complete" ||
+                                 !(*result)["_meta"].contains(ProtocolEra::serverInfoKey)))
+            std::abort();
     }
     return 0;
 }

@@ -13,12 +13,10 @@
 
 namespace {
 
-// A reply that is written whether or not the request was cancelled: the
-// protocol faults.
-struct Fault {
-    int code;
-    std::string message;
-};
+// A protocol fault: for a handshake request it is written whether or not
+// the request was cancelled; the stateless revision allows no message at all
+// for a cancelled request.
+using Fault = ProtocolEra::Refusal;
 
 // What the agent reads for a failed call: our own sentences as they are.
 // A library's text (a wait cut short, a JSON or file-system exception) means
@@ -53,19 +51,36 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
     if (auto member = request.find("params"); member != request.end() && member->is_object()) given = &*member;
     const Json& params = given ? *given : noParams;
 
+    const bool stateless = entry->era == Era::stateless;
     std::optional<Json> computed;
     std::optional<Fault> fault;
-    try {
+    std::optional<Envelope> envelope;
+    if (stateless) {
+        // Version and required keys first, then whether the method exists in
+        // that revision, as the revision orders its checks.
+        auto checked = ProtocolEra::envelope(params);
+        if (auto* refusal = std::get_if<Refusal>(&checked))
+            fault = std::move(*refusal);
+        else if (!servedStatelessly(method))
+            fault = Fault{-32601, "Method not found: " + method, nullptr};
+        else
+            envelope = std::move(std::get<Envelope>(checked));
+    }
+    if (!fault) try {
         if (method == "initialize") {
             computed = initialize(params);
         } else if (method == "ping") {
             computed = Json::object();
+        } else if (method == "server/discover") {
+            // Never waits for anything, the link least of all: clients probe
+            // with it on a copy of the process that they throw away.
+            computed = discoverResult(catalog, bundleIdentifier());
         } else if (method == "tools/list") {
             computed = Json::object({{"tools", tools()}});
         } else if (method == "tools/call") {
             auto name = params.find("name");
             if (name == params.end() || !name->is_string()) {
-                fault = Fault{-32602, "tools/call needs a name."};
+                fault = Fault{-32602, "tools/call needs a name.", nullptr};
             } else {
                 Json arguments = Json::object();
                 if (auto member = given->find("arguments"); member != given->end() && member->is_object())
@@ -81,6 +96,8 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
                 const std::string& tool = name->get_ref<const std::string&>();
                 ProgressBeat beat(co_await boost::asio::this_coro::executor, progress, timing.progressEvery,
                                   "Waiting for Vantoric Studio to carry out " + tool + ".");
+                entry->toolCall = true;
+                if (envelope) entry->agent = envelope->clientName.value_or("A coding agent");
                 try {
                     computed = co_await call(tool, std::move(arguments), std::move(progress));
                 } catch (const std::exception& failure) {
@@ -95,10 +112,10 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
             try {
                 computed = prompt(params);
             } catch (const std::exception& failure) {
-                fault = Fault{-32602, failure.what()};
+                fault = Fault{-32602, failure.what(), nullptr};
             }
         } else {
-            fault = Fault{-32601, "Method not found: " + method};
+            fault = Fault{-32601, "Method not found: " + method, nullptr};
         }
     } catch (const std::exception& failure) {
         // Nothing above is expected to throw; should it, the request still
@@ -106,10 +123,13 @@ StudioMCPBridge::Task<void> StudioMCPBridge::answer(Json request, std::shared_pt
         platform::log(std::string("request failed: ") + failure.what());
     }
 
-    if (fault)
-        send(errorReply(id, fault->code, fault->message));
-    else if (computed && !entry->cancelled)
+    if (fault) {
+        if (!(stateless && entry->cancelled)) send(ProtocolEra::errorReply(id, *fault));
+    } else if (computed && !entry->cancelled) {
+        if (stateless) frame(*computed, method, identity());
         sendLine(successLine(id, *computed));
+    }
+    entry->toolCall = false;
     calls.erase(key(id));
 }
 

@@ -4,6 +4,7 @@
 
 #include "link/StudioLocation.h"
 #include "server/Catalog.h"
+#include "server/ProtocolEra.h"
 #include "server/StudioMCPBridge.h"
 
 std::string SessionSetup::notFoundInstructions() {
@@ -44,41 +45,63 @@ std::optional<std::string> SessionSetup::clientNameIn(const Json& params) {
     return taken->get<std::string>();
 }
 
+Json SessionSetup::serverInfo(const std::optional<std::filesystem::path>& app, std::string_view bundleIdentifier,
+                              const platform::Bundles& bundles) {
+    std::string studioVersion = "0";
+    if (app)
+        if (auto bundle = bundles.open(*app); bundle && bundle->shortVersion) studioVersion = *bundle->shortVersion;
+    Json info = Json::object();
+    info["name"] = StudioLocation::mcpServerName(bundleIdentifier);
+    info["title"] = bundleIdentifier == StudioLocation::subjectIdentifier ? "Vantoric Studio (subject build)"
+                                                                          : "Vantoric Studio";
+    info["version"] = std::move(studioVersion);
+    return info;
+}
+
+Json SessionSetup::capabilities() {
+    Json listChanged = Json::object();
+    listChanged["listChanged"] = false;
+    Json capabilities = Json::object();
+    capabilities["tools"] = listChanged;
+    capabilities["prompts"] = listChanged;
+    return capabilities;
+}
+
+std::string SessionSetup::instructionsFor(const std::optional<std::string>& catalog, std::string_view bundleIdentifier) {
+    if (auto given = Catalog::instructionsIn(catalog))
+        return instructions(*given, StudioLocation::mcpServerName(bundleIdentifier));
+    return notFoundInstructions();
+}
+
 Json SessionSetup::initializeResult(const Json& params, const std::optional<std::filesystem::path>& app,
                                     const std::optional<std::string>& catalog, std::string_view bundleIdentifier,
                                     const platform::Bundles& bundles) {
+    return initializeResult(params, serverInfo(app, bundleIdentifier, bundles), catalog, bundleIdentifier);
+}
+
+Json SessionSetup::initializeResult(const Json& params, Json serverInfo, const std::optional<std::string>& catalog,
+                                    std::string_view bundleIdentifier) {
     std::string version(supportedProtocols.front());
     if (auto asked = params.find("protocolVersion"); asked != params.end() && asked->is_string()) {
         const auto& wanted = asked->get_ref<const std::string&>();
         if (std::find(supportedProtocols.begin(), supportedProtocols.end(), wanted) != supportedProtocols.end())
             version = wanted;
     }
-
-    std::string studioVersion = "0";
-    if (app)
-        if (auto bundle = bundles.open(*app); bundle && bundle->shortVersion) studioVersion = *bundle->shortVersion;
-
-    const std::string serverName = StudioLocation::mcpServerName(bundleIdentifier);
-    const bool subject = bundleIdentifier == StudioLocation::subjectIdentifier;
-
-    std::string text = notFoundInstructions();
-    if (auto given = Catalog::instructionsIn(catalog)) text = instructions(*given, serverName);
-
-    Json listChanged = Json::object();
-    listChanged["listChanged"] = false;
-    Json capabilities = Json::object();
-    capabilities["tools"] = listChanged;
-    capabilities["prompts"] = listChanged;
-    Json serverInfo = Json::object();
-    serverInfo["name"] = serverName;
-    serverInfo["title"] = subject ? "Vantoric Studio (subject build)" : "Vantoric Studio";
-    serverInfo["version"] = studioVersion;
-
     Json result = Json::object();
     result["protocolVersion"] = version;
-    result["capabilities"] = std::move(capabilities);
+    result["capabilities"] = capabilities();
     result["serverInfo"] = std::move(serverInfo);
-    result["instructions"] = std::move(text);
+    result["instructions"] = instructionsFor(catalog, bundleIdentifier);
+    return result;
+}
+
+Json SessionSetup::discoverResult(const std::optional<std::string>& catalog, std::string_view bundleIdentifier) {
+    Json versions = Json::array();
+    for (auto version : ProtocolEra::supportedVersions) versions.push_back(std::string(version));
+    Json result = Json::object();
+    result["supportedVersions"] = std::move(versions);
+    result["capabilities"] = capabilities();
+    result["instructions"] = instructionsFor(catalog, bundleIdentifier);
     return result;
 }
 
@@ -86,5 +109,13 @@ Json SessionSetup::initializeResult(const Json& params, const std::optional<std:
 
 Json StudioMCPBridge::initialize(const Json& params) {
     if (auto name = clientNameIn(params)) clientName = std::move(*name);
-    return initializeResult(params, app, catalog, bundleIdentifier(), bundles_);
+    return initializeResult(params, identity(), catalog, bundleIdentifier());
+}
+
+const Json& StudioMCPBridge::identity() {
+    // Read once: the catalog is fixed for the life of the process, and the
+    // identity is what tells a client's cache which catalog it holds. Every
+    // stateless result carries it, so it must not cost a file read each.
+    if (!identity_) identity_ = serverInfo(app, bundleIdentifier(), bundles_);
+    return *identity_;
 }

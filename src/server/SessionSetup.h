@@ -1,5 +1,6 @@
-// Session set-up: the answer to "initialize". The bridge agrees a protocol
-// version (never refusing one), takes the agent's display name, announces its
+// Session set-up: the answer to "initialize", and to "server/discover", its
+// stateless counterpart. The bridge agrees a protocol version (never refusing
+// one in a handshake), takes the agent's display name, announces its
 // capabilities and identity for the Studio build it serves, and passes on the
 // instructions of Studio's catalog, adapted to the server name of that build.
 // Pure functions apart from reading Studio's Info.plist; any thread. The
@@ -15,8 +16,11 @@
 #include "server/JSONText.h"
 
 struct SessionSetup {
-    // Newest first; the first is also the answer to anything unknown.
-    static constexpr std::array<std::string_view, 3> supportedProtocols = {"2025-06-18", "2025-03-26", "2024-11-05"};
+    // The handshake revisions, newest first; the first is also the answer to
+    // anything unknown. The agents ask for 2025-11-25; the stateless
+    // revision is never agreed in a handshake (ProtocolEra).
+    static constexpr std::array<std::string_view, 4> supportedProtocols = {"2025-11-25", "2025-06-18", "2025-03-26",
+                                                                          "2024-11-05"};
 
     // What the agent is told when there is no catalog with instructions.
     static std::string notFoundInstructions();
@@ -30,9 +34,28 @@ struct SessionSetup {
     // "title", else (when "title" is not a string) a non-empty "name".
     static std::optional<std::string> clientNameIn(const Json& params);
 
+    // The server's identity for the given bundle identifier: name, title
+    // and Studio's version read from the bundle ("0" when it cannot be).
+    static Json serverInfo(const std::optional<std::filesystem::path>& app, std::string_view bundleIdentifier,
+                           const platform::Bundles& bundles);
+
+    // What the bridge offers: tools and prompts, neither list ever changing.
+    static Json capabilities();
+
+    // The instructions sent to the agent: the catalog's, adapted to the
+    // build's server name, or the not-found text.
+    static std::string instructionsFor(const std::optional<std::string>& catalog, std::string_view bundleIdentifier);
+
     // The result object of "initialize" for a bridge serving the given
     // bundle identifier, with Studio's version read from the bundle.
     static Json initializeResult(const Json& params, const std::optional<std::filesystem::path>& app,
                                  const std::optional<std::string>& catalog, std::string_view bundleIdentifier,
                                  const platform::Bundles& bundles);
+    static Json initializeResult(const Json& params, Json serverInfo, const std::optional<std::string>& catalog,
+                                 std::string_view bundleIdentifier);
+
+    // The result of "server/discover" before its stateless framing: every
+    // revision spoken, the same capabilities and instructions as a
+    // handshake. The identity goes into "_meta" with the framing.
+    static Json discoverResult(const std::optional<std::string>& catalog, std::string_view bundleIdentifier);
 };

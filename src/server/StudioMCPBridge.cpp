@@ -27,7 +27,7 @@ std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context
         bridge->strand_, io, bridge->app,
         [weak] {
             auto self = weak.lock();
-            return self ? self->clientName : std::string("A coding agent");
+            return self ? self->agentName() : std::string("A coding agent");
         },
         services ? std::move(*services) : StudioConnection::Services::system(), timing.link);
     return bridge;
@@ -51,4 +51,12 @@ void StudioMCPBridge::Call::cancel() {
 
 std::filesystem::path StudioMCPBridge::resolvePath(std::string_view path) const {
     return PathResolution::resolve(path, workingDirectory, PathResolution::homeFolder());
+}
+
+std::string StudioMCPBridge::agentName() const {
+    const Call* first = nullptr;
+    for (const auto& [requestKey, entry] : calls)
+        if (entry->toolCall && (!first || entry->order < first->order)) first = entry.get();
+    if (first && first->era == Era::stateless) return first->agent.value_or("A coding agent");
+    return clientName;
 }

@@ -37,6 +37,7 @@
 #include "server/Catalog.h"
 #include "server/JSONText.h"
 #include "server/Progress.h"
+#include "server/ProtocolEra.h"
 #include "server/SessionSetup.h"
 #include "server/ToolResults.h"
 #include "server/Transport.h"
@@ -66,6 +67,7 @@ class StudioMCPBridge : public StudioLocation,
                         public Transport,
                         public ToolResults,
                         public SessionSetup,
+                        public ProtocolEra,
                         public Catalog,
                         public std::enable_shared_from_this<StudioMCPBridge> {
 public:
@@ -103,6 +105,15 @@ public:
     struct Call {
         boost::asio::cancellation_signal signal;
         bool cancelled = false;
+        // Decided from the request alone when its line is read.
+        Era era = Era::handshake;
+        // In arrival order, so that the hand-over can tell which waiting
+        // tool call came first.
+        std::uint64_t order = 0;
+        // Set while a tool call runs: the name the hand-over shows for it,
+        // or nothing for a handshake call (the name "initialize" left).
+        bool toolCall = false;
+        std::optional<std::string> agent;
         void cancel();
     };
 
@@ -143,6 +154,12 @@ public:
 
     // The result of "initialize"; stores the agent's name when given.
     Json initialize(const Json& params);
+    // The server's name, title and Studio's version, read on first use.
+    const Json& identity();
+    // The name Studio shows during a hand-over: that of the tool call that
+    // has waited longest for Studio, taken from its own request when it is
+    // stateless, else the one the last "initialize" gave.
+    std::string agentName() const;
     Json tools() const { return toolsIn(catalog); }
     Json prompts() const { return promptsIn(catalog); }
     Json listedPrompts() const { return listedPromptsIn(catalog); }
@@ -207,7 +224,7 @@ private:
     // One message of a line (an element of a batch, or the line's object).
     void handle(Json message);
     // Registers the request under its key, then lets its task run.
-    void start(Json request, const Json& id);
+    void start(Json request, const Json& id, Era era);
     // Writes one message as one line.
     void send(const Json& message);
     void sendLine(const std::optional<std::string>& line);
@@ -219,4 +236,6 @@ private:
 
     Strand strand_;
     const platform::Bundles& bundles_;
+    std::optional<Json> identity_;
+    std::uint64_t received_ = 0;
 };

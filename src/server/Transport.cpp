@@ -96,8 +96,11 @@ void StudioMCPBridge::handle(Json message) {
 
     auto id = message.find("id");
     if (id != message.end() && !id->is_null()) {
+        static const Json noParams = Json::object();
+        auto params = message.find("params");
+        Era era = ProtocolEra::of(method->get_ref<const std::string&>(), params == message.end() ? noParams : *params);
         Json idValue = *id;
-        start(std::move(message), idValue);
+        start(std::move(message), idValue, era);
         return;
     }
 
@@ -113,11 +116,13 @@ void StudioMCPBridge::handle(Json message) {
     cancelled->cancel();
 }
 
-void StudioMCPBridge::start(Json request, const Json& id) {
+void StudioMCPBridge::start(Json request, const Json& id, Era era) {
     // Registered before its task can run, so that the task's own removal of
     // its key at the end always finds it. An earlier task under the same key
     // keeps running; it just can no longer be cancelled by id.
     auto entry = std::make_shared<Call>();
+    entry->era = era;
+    entry->order = ++received_;
     calls[key(id)] = entry;
 
     // Posted, not dispatched: the task starts only after this line has been

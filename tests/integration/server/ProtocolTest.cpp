@@ -99,3 +99,31 @@ TEST(ParameterChecking, SuggestionsReachTheAgent) {
     for (auto& [id, reply] : replies) EXPECT_EQ(reply["result"]["isError"], true);
     EXPECT_EQ(session.finish(), "");
 }
+
+TEST(BothEras, OneProcessServesAHandshakeClientAndStatelessRequests) {
+    BridgeSession session;
+    const Json meta = {{"io.modelcontextprotocol/protocolVersion", "2026-07-28"},
+                       {"io.modelcontextprotocol/clientCapabilities", Json::object()}};
+    session.send(request(1, "initialize", {{"protocolVersion", "2099-01-01"}, {"clientInfo", {{"name", "codex"}}}}) +
+                 request("d", "server/discover", {{"_meta", meta}}) + request(2, "tools/list", {{"_meta", meta}}) +
+                 request(3, "ping") + request(4, "ping", {{"_meta", meta}}) + request(5, "tools/list") +
+                 toolCall(6, "timeline", {{"action", "list"}}) +
+                 request(7, "tools/call", {{"name", "timeline"}, {"arguments", {{"action", "list"}}}, {"_meta", meta}}));
+    auto replies = session.next(8);
+    ASSERT_EQ(replies.size(), 8u);
+    EXPECT_EQ(replies["1"]["result"]["protocolVersion"], "2025-11-25");
+    EXPECT_EQ(replies["\"d\""]["result"]["supportedVersions"],
+              Json::parse(R"(["2026-07-28","2025-11-25","2025-06-18","2025-03-26","2024-11-05"])"));
+    EXPECT_EQ(replies["\"d\""]["result"]["_meta"]["io.modelcontextprotocol/serverInfo"]["version"], "3.2.1");
+    EXPECT_EQ(replies["2"]["result"]["resultType"], "complete");
+    EXPECT_EQ(replies["2"]["result"]["tools"], replies["5"]["result"]["tools"]);
+    EXPECT_EQ(replies["3"]["result"], Json::object());
+    EXPECT_EQ(replies["4"]["error"]["code"], -32601);
+    EXPECT_FALSE(replies["5"]["result"].contains("resultType"));
+    // The link is one: both calls fail the same way (no session bus here).
+    EXPECT_EQ(replies["6"]["result"]["isError"], true);
+    EXPECT_EQ(replies["7"]["result"]["isError"], true);
+    EXPECT_EQ(replies["7"]["result"]["resultType"], "complete");
+    EXPECT_EQ(replies["6"]["result"]["content"], replies["7"]["result"]["content"]);
+    EXPECT_EQ(session.finish(), "");
+}

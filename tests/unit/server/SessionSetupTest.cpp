@@ -23,12 +23,17 @@ Json initialize(const Json& params, std::optional<std::string> catalog = studioC
 }  // namespace
 
 TEST(AgreeingAProtocol, KnownVersionsAreEchoedEverythingElseGetsTheNewest) {
+    // The agents ask for 2025-11-25; the stateless revision is never agreed
+    // by a handshake.
+    EXPECT_EQ(initialize({{"protocolVersion", "2025-11-25"}})["protocolVersion"], "2025-11-25");
+    EXPECT_EQ(initialize({{"protocolVersion", "2025-06-18"}})["protocolVersion"], "2025-06-18");
+    EXPECT_EQ(initialize({{"protocolVersion", "2026-07-28"}})["protocolVersion"], "2025-11-25");
     EXPECT_EQ(initialize({{"protocolVersion", "2025-03-26"}})["protocolVersion"], "2025-03-26");
     EXPECT_EQ(initialize({{"protocolVersion", "2024-11-05"}})["protocolVersion"], "2024-11-05");
-    EXPECT_EQ(initialize({{"protocolVersion", "2099-01-01"}})["protocolVersion"], "2025-06-18");
-    EXPECT_EQ(initialize({{"protocolVersion", "2025-03-26 "}})["protocolVersion"], "2025-06-18");
-    EXPECT_EQ(initialize({{"protocolVersion", 20250326}})["protocolVersion"], "2025-06-18");
-    EXPECT_EQ(initialize(Json::object())["protocolVersion"], "2025-06-18");
+    EXPECT_EQ(initialize({{"protocolVersion", "2099-01-01"}})["protocolVersion"], "2025-11-25");
+    EXPECT_EQ(initialize({{"protocolVersion", "2025-03-26 "}})["protocolVersion"], "2025-11-25");
+    EXPECT_EQ(initialize({{"protocolVersion", 20250326}})["protocolVersion"], "2025-11-25");
+    EXPECT_EQ(initialize(Json::object())["protocolVersion"], "2025-11-25");
 }
 
 TEST(AgreeingAProtocol, ResultHasExactlyTheAnnouncedMembers) {
