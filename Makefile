@@ -56,11 +56,11 @@ sanitize: deps
 	@test -f build-asan/build.ninja || cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVSM_SANITIZE=ON -DVSM_BENCH=OFF
 	@cmake --build build-asan -j $(JOBS)
 	@scripts/test-setup build-asan
-	@scripts/sanitize build-asan "" ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1
+	@VSM_TEST_TIME_SCALE=4 scripts/sanitize build-asan "" ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1
 	@test -f build-tsan/build.ninja || cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVSM_TSAN=ON -DVSM_BENCH=OFF
 	@cmake --build build-tsan -j $(JOBS)
 	@scripts/test-setup build-tsan
-	@scripts/sanitize build-tsan "link|server|files" TSAN_OPTIONS=second_deadlock_stack=1
+	@VSM_TEST_TIME_SCALE=8 scripts/sanitize build-tsan "link|server|files" TSAN_OPTIONS=second_deadlock_stack=1:suppressions=$(CURDIR)/scripts/tsan.supp
 
 clean:
 	rm -rf $(BUILD) build-bench build-fuzz build-coverage build-asan build-tsan

@@ -1,5 +1,7 @@
 #include "support/ChildProcess.h"
 
+#include <cstdlib>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -14,6 +16,22 @@
 extern char** environ;
 
 namespace testsupport {
+
+namespace {
+
+// Sanitizer builds run many times slower; their runs stretch every deadline
+// a test gives a child by VSM_TEST_TIME_SCALE, so that a slow answer is not
+// mistaken for none.
+std::chrono::milliseconds scaled(std::chrono::milliseconds timeout) {
+    static const long factor = [] {
+        const char* value = std::getenv("VSM_TEST_TIME_SCALE");
+        long parsed = value ? std::strtol(value, nullptr, 10) : 1;
+        return parsed > 1 ? parsed : 1L;
+    }();
+    return timeout * factor;
+}
+
+}  // namespace
 
 Environment currentEnvironment() {
     Environment env;
@@ -108,6 +126,7 @@ void ChildProcess::closeStdin() {
 }
 
 std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
+    timeout = scaled(timeout);
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         auto nl = outBuffer_.find('\n');
@@ -135,6 +154,7 @@ std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds time
 }
 
 std::string ChildProcess::readRest(std::chrono::milliseconds timeout) {
+    timeout = scaled(timeout);
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!outEnded_) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -154,6 +174,7 @@ std::string ChildProcess::readRest(std::chrono::milliseconds timeout) {
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
+    timeout = scaled(timeout);
     if (status_) return status_;
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -179,6 +200,7 @@ std::string ChildProcess::stderrText() const {
 }
 
 bool ChildProcess::waitForStderr(const std::string& text, std::chrono::milliseconds timeout) const {
+    timeout = scaled(timeout);
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         if (stderrText().find(text) != std::string::npos) return true;
