@@ -3,6 +3,7 @@
 #pragma once
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace testsupport {
 
@@ -24,5 +25,8 @@ private:
 };
 
 std::string readFile(const std::filesystem::path& path);
+
+// The names in a folder, sorted.
+std::vector<std::string> namesIn(const std::filesystem::path& folder);
 
 }  // namespace testsupport

@@ -138,13 +138,13 @@ const std::vector<Step> basicSession = {
     {"export_video", R"({"action":"status","wait_second":1})", {R"("phase":"completed")"}, "wait_seconds"},
 };
 
-struct AgentSpec {
+struct AgentCase {
     std::string id;
     std::string dialect;  // the wire format fake_model.mjs speaks to it
 };
-void PrintTo(const AgentSpec& spec, std::ostream* out) { *out << spec.id; }
+void PrintTo(const AgentCase& agent, std::ostream* out) { *out << agent.id; }
 
-class AgentSessions : public ::testing::TestWithParam<AgentSpec> {
+class AgentSessions : public ::testing::TestWithParam<AgentCase> {
 protected:
     void SetUp() override {
         for (auto program : {"claude", "codex", "opencode"})
@@ -186,7 +186,7 @@ protected:
         if (!root.empty() && !HasFailure()) fs::remove_all(root, ec);
     }
 
-    const AgentSpec& agent() const { return GetParam(); }
+    const AgentCase& agent() const { return GetParam(); }
 
     std::string expand(std::string text) const {
         for (size_t at; (at = text.find("@WORK@")) != std::string::npos;) text.replace(at, 6, (root / "work").string());
@@ -401,6 +401,6 @@ TEST_P(AgentSessions, KilledAgentTakesTheBridgeAlong) {
 }
 
 INSTANTIATE_TEST_SUITE_P(RealAgents, AgentSessions,
-                         ::testing::Values(AgentSpec{"claude", "anthropic"}, AgentSpec{"codex", "responses"},
-                                           AgentSpec{"opencode", "chat"}),
+                         ::testing::Values(AgentCase{"claude", "anthropic"}, AgentCase{"codex", "responses"},
+                                           AgentCase{"opencode", "chat"}),
                          [](const auto& info) { return info.param.id; });

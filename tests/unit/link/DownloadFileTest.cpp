@@ -14,19 +14,10 @@
 #include "support/TempDir.h"
 
 namespace fs = std::filesystem;
+using testsupport::namesIn;
 using testsupport::readFile;
 using testsupport::TempDir;
 
-namespace {
-
-std::vector<std::string> namesIn(const fs::path& folder) {
-    std::vector<std::string> names;
-    for (auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-}  // namespace
 
 TEST(DownloadFile, MissingFoldersAreMadeOnlyForAWholeFile) {
     TempDir dir;

@@ -329,17 +329,6 @@ TEST_F(Uploading, MissingFileIsAnError) {
 
 using Downloading = Forwarding;
 
-namespace {
-
-std::vector<std::string> folderEntries(const fs::path& folder) {
-    std::vector<std::string> names;
-    for (auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-}  // namespace
-
 TEST_F(Downloading, ExportLandsAtTheDestinationReadableByAll) {
     testsupport::TempDir dir;
     std::string bytes(1 << 20, 'v');
@@ -350,7 +339,7 @@ TEST_F(Downloading, ExportLandsAtTheDestinationReadableByAll) {
     struct stat info {};
     ASSERT_EQ(stat(destination.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0644u);
-    EXPECT_EQ(folderEntries(destination.parent_path()), std::vector<std::string>{"out.mp4"});
+    EXPECT_EQ(testsupport::namesIn(destination.parent_path()), std::vector<std::string>{"out.mp4"});
     auto requests = http_.requests();
     EXPECT_EQ(requests[0].method, "GET");
     EXPECT_EQ(requests[0].target, "/downloads/export%201");
@@ -376,7 +365,7 @@ TEST_F(Downloading, ExistingFileIsKeptUnlessOverwriteIsAsked) {
     EXPECT_EQ(testsupport::readFile(destination), "old");
     io_.run(connection_->download("e", destination, true));
     EXPECT_EQ(testsupport::readFile(destination), "new");
-    EXPECT_EQ(folderEntries(dir.path()), std::vector<std::string>{"out.mp4"});
+    EXPECT_EQ(testsupport::namesIn(dir.path()), std::vector<std::string>{"out.mp4"});
 }
 
 TEST_F(Downloading, FolderAtTheDestinationIsRefused) {
@@ -392,7 +381,7 @@ TEST_F(Downloading, StudioNotHandingOverLeavesNothingBehind) {
     answer(404, "{}");
     auto call = io_.start(connection_->download("e", dir.path() / "out.mp4", false));
     EXPECT_EQ(failureOf(call), "Studio could not hand over the export. It is still in the project's exports folder.");
-    EXPECT_TRUE(folderEntries(dir.path()).empty());
+    EXPECT_TRUE(testsupport::namesIn(dir.path()).empty());
 }
 
 TEST_F(Downloading, ConnectionLostMidwayLeavesNoPartialFile) {
@@ -404,5 +393,5 @@ TEST_F(Downloading, ConnectionLostMidwayLeavesNoPartialFile) {
     });
     auto call = io_.start(connection_->download("e", dir.path() / "out.mp4", false));
     EXPECT_EQ(failureOf(call), "The connection to Vantoric Studio was lost.");
-    EXPECT_TRUE(folderEntries(dir.path()).empty());
+    EXPECT_TRUE(testsupport::namesIn(dir.path()).empty());
 }
