@@ -16,6 +16,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 
+#include "link/BlockingWork.h"
 #include "peer/StudioPeer.h"
 #include "server/InputLoop.h"
 #include "server/StudioMCPBridge.h"
@@ -102,6 +103,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     context.restart();
     boost::asio::co_spawn(bridge->strand(), bridge->drain(), boost::asio::detached);
     context.run();
+    // Work handed to the blocking pool (a launch attempt) answers to this
+    // context: none may still hold a piece of it when it goes.
+    blocking::settle();
 
     if (!bridge->calls.empty()) std::abort();
     for (const auto& line : written) {
