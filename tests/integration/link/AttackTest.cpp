@@ -41,6 +41,14 @@ protected:
     static bool linked(const std::optional<json>& answer) {
         return answer && answer->contains("result") && !(*answer)["result"].value("isError", false);
     }
+    // The bridge started and asked for Studio by call 1: the port it
+    // announced (0 when it announced none).
+    static int handOverUnderWay(LinkSession& session) {
+        session.startBridge();
+        auto port = nextAnnouncedPort(session.busAddress());
+        askForStudio(session, 1);
+        return port.get();
+    }
     static void askForStudio(LinkSession& session, int id) {
         session.send({{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"},
                       {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
@@ -187,10 +195,7 @@ TEST_F(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
                 paused = session.startStudio();
                 kill(paused, SIGSTOP);
             }
-            session.startBridge();
-            auto port = nextAnnouncedPort(session.busAddress());
-            askForStudio(session, 1);
-            int announced = port.get();
+            int announced = handOverUnderWay(session);
             ASSERT_GT(announced, 0) << session.bridge().stderrText();
             int read = runAttacker(c.attacker, announced, session.environment());
             if (paused) kill(paused, SIGCONT);
@@ -205,10 +210,7 @@ TEST_F(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
 
 TEST_F(HandoverAttack, ThousandConnectionsInABurstGetNoByteAndStudioStillLinks) {
     LinkSession session;
-    session.startBridge();
-    auto port = nextAnnouncedPort(session.busAddress());
-    askForStudio(session, 1);
-    int announced = port.get();
+    int announced = handOverUnderWay(session);
     ASSERT_GT(announced, 0);
     auto start = std::chrono::steady_clock::now();
     std::vector<int> hostile;
@@ -250,10 +252,7 @@ TEST_F(HandoverAttack, ThousandConnectionsInABurstGetNoByteAndStudioStillLinks) 
 
 TEST_F(HandoverAttack, SpoofedAnnouncementWhileStudioStartsCostsOneRoundNotTheLink) {
     LinkSession session;
-    session.startBridge();
-    auto port = nextAnnouncedPort(session.busAddress());
-    askForStudio(session, 1);
-    int announced = port.get();
+    int announced = handOverUnderWay(session);
     ASSERT_GT(announced, 0);
     // Any client of the bus can post the notification with the bridge's port
     // and a challenge of its own; Studio, still starting, hears it first.
