@@ -1,6 +1,6 @@
 #include "installer/Settings.h"
 
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 
 namespace BridgeInstaller {
 

@@ -15,7 +15,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "link/Cancellation.h"
 #include "platform/Log.h"
 

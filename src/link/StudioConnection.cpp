@@ -20,12 +20,12 @@
 #include <cstdlib>
 #include <random>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "link/Cancellation.h"
 #include "link/HandoverReply.h"
 #include "link/HttpSession.h"
 #include "link/Once.h"
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 #include "peer/StudioPeer.h"
 #include "platform/ApplicationLauncher.h"
 #include "platform/Crypto.h"

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 
 namespace fs = std::filesystem;
 

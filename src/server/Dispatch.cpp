@@ -4,7 +4,7 @@
 
 #include <boost/asio/this_coro.hpp>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "link/Cancellation.h"
 #include "link/HttpSession.h"
 #include "platform/Log.h"

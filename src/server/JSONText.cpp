@@ -1,6 +1,6 @@
 #include "server/JSONText.h"
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "link/BlockingWork.h"
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "server/StudioMCPBridge.h"
 
 namespace fs = std::filesystem;

@@ -10,7 +10,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <thread>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "platform/ApplicationLauncher.h"
 #include "platform/Log.h"
 #include "server/StudioMCPBridge.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 #include "server/Catalog.h"
 #include "server/ProtocolEra.h"
 #include "server/StudioMCPBridge.h"

@@ -32,7 +32,7 @@
 #include <boost/asio/strand.hpp>
 
 #include "link/StudioConnection.h"
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 #include "platform/Bundle.h"
 #include "server/Catalog.h"
 #include "server/JSONText.h"

@@ -13,7 +13,7 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "link/Cancellation.h"
 
 #include "server/PathResolution.h"

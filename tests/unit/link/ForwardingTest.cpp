@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "LinkTestSupport.h"
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "link/HttpSession.h"
 #include "link/StudioConnection.h"
 #include "peer/StudioPeer.h"

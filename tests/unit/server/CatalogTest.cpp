@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "server/Catalog.h"
 #include "support/TempDir.h"
 

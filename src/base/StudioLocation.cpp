@@ -1,4 +1,4 @@
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 
 #include <system_error>
 
