@@ -87,30 +87,28 @@ protected:
     std::string title = id == "claude" ? "Claude Code: " : "Codex: ";
 };
 
-TEST_P(ClaudeAndCodexSteps, InstallReplacesAnotherEntryOrAddsOneThenFindsItCurrent) {
+TEST_P(ClaudeAndCodexSteps, InstallReplacesAnotherEntryOrAddsOneAndOnlyCodexsCarriesTheSessionBus) {
     std::string bridge = machine.bridge.string();
     servers()["vantoric-studio"] = {bridge, "--old"};
-    machine.expect({{{"install", id}, 0, title + "Studio's MCP server updated (it ran " + bridge + " --old), skill installed.\n" + advice}});
-    EXPECT_EQ(machine.agents.calls[id], expectedCalls("gra"));
+    machine.expect({{{"install", id}, 0, title + "Studio's MCP server updated (it ran " + bridge + " --old), skill installed.\n" + advice},
+                    {{"install", id}, 0, title + "Studio's MCP server already set up, skill installed.\n" + advice}});
     EXPECT_EQ(servers()["vantoric-studio"], std::vector<std::string>{bridge});
-    servers().clear();
-    machine.expect({{{"install", id}, 0, title + "Studio's MCP server added, skill installed.\n" + advice},
-                    {{"install", id}, 0, title + "Studio's MCP server already set up, skill installed.\n" + advice},
-                    {{"status", id}, 0, title + "MCP server added, skill installed.\n"}});
-    EXPECT_EQ(machine.agents.calls[id], expectedCalls("gragagg"));
-
     // Codex drops the session bus from the environment of the servers it
     // starts, so its entry carries the address.
     std::string bus = "unix:path=/run/user/1000/bus,guid=0123abcd";
     machine.variables["DBUS_SESSION_BUS_ADDRESS"] = bus;
     servers().clear();
-    machine.run({"install", id});
-    EXPECT_EQ(machine.agents.calls[id].back(), id == "claude" ? expectedCalls("a")[0]
-                                                              : "mcp add vantoric-studio --env DBUS_SESSION_BUS_ADDRESS=" + bus + " -- " + bridge);
+    machine.expect({{{"install", id}, 0, title + "Studio's MCP server added, skill installed.\n" + advice}});
+    auto calls = expectedCalls("grag");
+    calls.push_back(expectedCalls("g")[0]);
+    calls.push_back(id == "claude" ? expectedCalls("a")[0] : "mcp add vantoric-studio --env DBUS_SESSION_BUS_ADDRESS=" + bus + " -- " + bridge);
+    EXPECT_EQ(machine.agents.calls[id], calls);
 }
 
 TEST_P(ClaudeAndCodexSteps, FailuresAreReportedWithTheAgentsWordsAndAnUnreadableAnswerChangesNothing) {
-    servers()["vantoric-studio"] = {"/opt/old"};
+    servers() = {{"vantoric-studio", {"/opt/old"}}, {"keep-me", {"/usr/bin/true"}}};
+    machine.expect({{{"status", id}, 0, title + "MCP server added but it runs another copy, skill not installed.\n"
+                                                "    It runs /opt/old; `vantoric-studio-mcp install` points it at this one.\n"}});
     machine.agents.script(id, "remove", "Permission denied: config\n\n", 3);
     machine.expect({{{"install", id}, 1, title + "could not replace the MCP server that runs /opt/old, skill installed.\n"
                                                  "    Permission denied: config\n"},
@@ -120,7 +118,7 @@ TEST_P(ClaudeAndCodexSteps, FailuresAreReportedWithTheAgentsWordsAndAnUnreadable
     machine.expect({{{"install", id}, 1, title + "removed the MCP server that ran /opt/old but could not add this one, "
                                                  "skill installed.\n    disk full\n    no space\n"},
                     {{"install", id}, 1, title + "could not add Studio's MCP server, skill installed.\n    disk full\n    no space\n"}});
-    EXPECT_TRUE(servers().empty());
+    EXPECT_EQ(servers().size(), 1u) << "only the entry named after the bridge goes";
 
     machine.agents.calls.clear();
     machine.agents.script(id, "get", "Segmentation fault\n", 139);
@@ -131,18 +129,6 @@ TEST_P(ClaudeAndCodexSteps, FailuresAreReportedWithTheAgentsWordsAndAnUnreadable
     EXPECT_NE(machine.run({"status", "--json", id}).output.find("{\"detail\":\"Segmentation fault\\n\",\"id\":\"" + id +
                                                                 "\",\"registration\":\"unknown\""),
               std::string::npos);
-}
-
-TEST_P(ClaudeAndCodexSteps, UninstallRemovesAnyEntryUnderTheNameAndStatusSaysWhichItRuns) {
-    servers() = {{"vantoric-studio", {"/opt/other copy/vantoric-studio-mcp"}}, {"keep-me", {"/usr/bin/true"}}};
-    machine.expect({{{"status", id}, 0, title + "MCP server added but it runs another copy, skill not installed.\n"
-                                                "    It runs /opt/other copy/vantoric-studio-mcp; `vantoric-studio-mcp install` "
-                                                "points it at this one.\n"}});
-    EXPECT_NE(machine.run({"status", "--json", id}).output.find("{\"detail\":\"\\/opt\\/other copy\\/vantoric-studio-mcp\",\"id\":\"" +
-                                                                id + "\",\"registration\":\"other\",\"title\":\""),
-              std::string::npos);
-    machine.expect({{{"uninstall", id}, 0, title + "MCP server removed.\n"}, {{"uninstall", id}, 0, title + "no MCP server to remove.\n"}});
-    EXPECT_EQ(servers().size(), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Agents, ClaudeAndCodexSteps, ::testing::Values("claude", "codex"));

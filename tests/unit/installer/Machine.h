@@ -1,15 +1,11 @@
-// A user's machine in memory for installer tests: files (MemoryFiles), one
-// user, and the programs of Claude Code, Codex and OpenCode as one recording
-// double (FakeAgents) that answers their "mcp" subcommands in the programs'
-// own words. Nothing touches the disk or starts a process; the real services
-// are tested in tests/unit/platform, the real agents in
-// tests/integration/installer.
+// A user's machine in memory for installer tests: files (MemoryFiles), the
+// programs of Claude Code, Codex and OpenCode as one recording double
+// (FakeAgents) answering their "mcp" subcommands in the programs' own words,
+// and the installer run against both. Nothing touches the disk or starts a
+// process: the real services are tested in tests/unit/platform, the real
+// agents in tests/integration/installer.
 #pragma once
 #include <gtest/gtest.h>
-
-// Results are written with designated initializers naming only the fields
-// that matter; the others keep their defaults on purpose.
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 #include <map>
 #include <nlohmann/json.hpp>
@@ -17,35 +13,30 @@
 
 #include "installer/BridgeInstaller.h"
 
+// Results are written with designated initializers naming only the fields
+// that matter; the others keep their defaults on purpose.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace installertest {
 
 namespace fs = std::filesystem;
 using platform::FileKind;
 using platform::SystemError;
 
-// Files, folders and links, by absolute path. Links are followed the way the
-// kernel follows them; every write is recorded, and a write can be made to fail.
+// Files, folders and links by absolute path, links followed as the kernel
+// follows them. Every write is recorded; a write can be made to fail.
 class MemoryFiles final : public platform::Files {
 public:
-    struct Node {
-        FileKind kind;
-        std::string bytes;  // file: its contents; link: its target
-        mode_t mode = 0644;
-    };
+    std::vector<fs::path> written;       // every file replaced, in order
+    std::map<fs::path, int> failWrites;  // errno a write of that file fails with
 
     fs::path put(const fs::path& path, FileKind kind, std::string bytes = {}, mode_t mode = 0644) {
         createFolders(path.parent_path());
-        nodes_[path.lexically_normal()] = {kind, std::move(bytes), mode};
+        nodes_[path] = {kind, std::move(bytes), mode};  // a link's bytes: its target
         return path;
     }
     fs::path write(const fs::path& path, std::string bytes, mode_t mode = 0644) { return put(path, FileKind::file, bytes, mode); }
     std::optional<std::string> text(const fs::path& path) const { return read(path).bytes; }
-    const Node* at(const fs::path& path) const {
-        auto it = nodes_.find(path.lexically_normal());
-        return it == nodes_.end() ? nullptr : &it->second;
-    }
-    std::vector<fs::path> written;       // every file replaced, in order
-    std::map<fs::path, int> failWrites;  // errno a write of that file fails with
 
     platform::FileContents read(const fs::path& file) const override {
         auto [path, error] = walk(file, true);
@@ -53,8 +44,7 @@ public:
         if (error) return {std::nullopt, SystemError::fromErrno(error, "Could not read " + file.string())};
         return {nodes_.at(path).bytes, std::nullopt};
     }
-    std::optional<SystemError> writeAtomically(const fs::path& file, std::string_view bytes,
-                                               std::optional<mode_t> mode) override {
+    std::optional<SystemError> writeAtomically(const fs::path& file, std::string_view bytes, std::optional<mode_t> mode) override {
         auto [folder, error] = walk(file.parent_path(), true);
         fs::path path = folder / file.filename();
         if (!error && nodes_.at(folder).kind != FileKind::folder) error = ENOTDIR;
@@ -67,9 +57,8 @@ public:
     }
     std::optional<SystemError> createFolders(const fs::path& folder) override {
         fs::path prefix;
-        for (const auto& part : folder.lexically_normal()) {
-            prefix /= part;
-            auto [path, error] = walk(prefix, true);
+        for (const auto& part : folder) {
+            auto [path, error] = walk(prefix /= part, true);
             if (error == ENOENT) nodes_[path] = {FileKind::folder, {}, 0755};
             else if (error || nodes_.at(path).kind != FileKind::folder)
                 return SystemError::fromErrno(error ? error : prefix == folder ? EEXIST : ENOTDIR,
@@ -88,8 +77,7 @@ public:
     platform::FileStatus status(const fs::path& path) const override { return statusOf(walk(path, true)); }
     platform::FileStatus linkStatus(const fs::path& path) const override { return statusOf(walk(path, false)); }
     bool isExecutable(const fs::path& path) const override {
-        auto status = this->status(path);
-        return status.kind == FileKind::file && (status.permissions & 0111);
+        return status(path).kind == FileKind::file && (status(path).permissions & 0111);
     }
     fs::path resolved(const fs::path& path) const override {
         auto [resolved, error] = walk(path, true);
@@ -97,10 +85,14 @@ public:
     }
 
 private:
-    using Walked = std::pair<fs::path, int>;
-    // Where the path leads, and errno when it leads nowhere: what is left of
-    // it is then spelled out after the part that exists.
-    Walked walk(const fs::path& path, bool followLast) const {
+    struct Node {
+        FileKind kind;
+        std::string bytes;
+        mode_t mode;
+    };
+    // Where the path leads, and errno when it leads nowhere; what is left of
+    // it after a missing component is spelled out as it is.
+    std::pair<fs::path, int> walk(const fs::path& path, bool followLast) const {
         std::vector<std::string> rest;  // a stack: the next component last
         for (const auto& part : path.relative_path()) rest.insert(rest.begin(), part.string());
         fs::path at = "/";
@@ -114,9 +106,8 @@ private:
             }
             auto node = nodes_.find(at / part);
             if (node == nodes_.end()) {
-                fs::path spelled = at / part;
-                for (auto it = rest.rbegin(); it != rest.rend(); ++it) spelled /= *it;
-                return {spelled.lexically_normal(), ENOENT};
+                for (at /= part; !rest.empty(); rest.pop_back()) at /= rest.back();
+                return {at.lexically_normal(), ENOENT};
             }
             if (node->second.kind == FileKind::link && (followLast || !rest.empty())) {
                 if (++links > 40) return {path, ELOOP};
@@ -125,17 +116,17 @@ private:
                 std::vector<std::string> parts;
                 for (const auto& p : target.relative_path()) parts.insert(parts.begin(), p.string());
                 rest.insert(rest.end(), parts.begin(), parts.end());
-                continue;
+            } else if (!rest.empty() && node->second.kind != FileKind::folder) {
+                return {path, ENOTDIR};
+            } else {
+                at /= part;
             }
-            if (!rest.empty() && node->second.kind != FileKind::folder) return {path, ENOTDIR};
-            at /= part;
         }
         return {at, 0};
     }
-    platform::FileStatus statusOf(const Walked& walked) const {
+    platform::FileStatus statusOf(const std::pair<fs::path, int>& walked) const {
         if (walked.second) return {walked.second == ELOOP ? FileKind::unknown : FileKind::missing, 0};
-        const Node& node = nodes_.at(walked.first);
-        return {node.kind, node.mode};
+        return {nodes_.at(walked.first).kind, nodes_.at(walked.first).mode};
     }
 
     std::map<fs::path, Node> nodes_ = {{"/", {FileKind::folder, {}, 0755}}};
@@ -151,8 +142,8 @@ inline std::string claudeAnswer(const std::string& name, const std::string& comm
 // The programs of the three agents, each found at <bin>/<id>. Claude Code and
 // Codex keep their servers here (name: the command's words); OpenCode writes
 // its configuration file as the real one does. Every call's arguments are
-// recorded, and a scripted result replaces the answer to the calls whose
-// arguments after "mcp" start with its prefix (the longest prefix wins).
+// recorded, and a scripted result answers the calls whose arguments after
+// "mcp" start with its prefix (the longest prefix wins).
 class FakeAgents final : public platform::CommandRunner {
 public:
     FakeAgents(MemoryFiles& files, fs::path openCodeFolder) : files_(files), openCodeFolder_(std::move(openCodeFolder)) {}
@@ -161,7 +152,7 @@ public:
     std::map<std::string, std::vector<std::string>> calls;
     std::map<std::string, std::map<std::string, platform::CommandResult>> scripts;
     void script(const std::string& id, const std::string& prefix, std::string output, int status) {
-        scripts[id][prefix] = {.status = status, .exited = true, .head = std::move(output)};
+        scripts[id][prefix] = answer(status, std::move(output));
     }
 
     platform::CommandResult run(const fs::path& program, const std::vector<std::string>& args, double) override {
@@ -175,9 +166,9 @@ public:
         auto dash = std::find(args.begin(), args.end(), "--");
         std::vector<std::string> words(dash == args.end() ? dash : dash + 1, args.end());
         std::string sub = args.at(1), name = id == "claude" && sub == "add" ? args.at(4) : args.at(2);
+        if (id == "opencode") return openCodeAdd(args, name, words);
         auto& list = servers[id];
         bool known = list.count(name);
-        if (id == "opencode") return openCodeAdd(args, name, words);
         if (sub == "get" && !known)
             return answer(1, id == "claude" ? "No MCP server named \"" + name + "\". Run `claude mcp add` to add one.\n"
                                             : "Error: No MCP server named '" + name + "' found.\n");
@@ -229,12 +220,9 @@ inline const std::string advice =
     "\nStart a new session in your agent and ask it to make a demo video with Vantoric Studio.\n"
     "The first time, Studio asks you once to allow the agent.\n";
 
-struct Homes final : platform::Users {
-    fs::path home;
-    std::optional<std::string> homeOf(const std::string& user) const override {
-        if (user.empty()) return home.string();
-        return std::nullopt;
-    }
+// HOME is always set, so only "~user" paths ask for a user, and none exists.
+struct NoOtherUsers final : platform::Users {
+    std::optional<std::string> homeOf(const std::string&) const override { return std::nullopt; }
 };
 
 class Machine {
@@ -245,13 +233,12 @@ public:
 
     MemoryFiles files;
     FakeAgents agents{files, openCodeFolder()};
-    Homes users;
+    NoOtherUsers users;
     platform::Environment variables;  // besides HOME and PATH (bin only)
     double timeout = 30;
     std::optional<fs::path> studio = app;  // the located Studio bundle
 
     Machine() {
-        users.home = "/nowhere";  // HOME is set: the database is never asked
         files.createFolders(home);
         files.createFolders(bin);
         files.write(app / "Contents/Resources/AgentLink/vantoric-studio-skill.md", skillText);
@@ -272,24 +259,18 @@ public:
     }
 
     struct Result {
+        std::vector<std::string> arguments;
         int status;
         std::string output;
     };
     Result run(const std::vector<std::string>& arguments, std::optional<fs::path> bridge = {}) {
         std::ostringstream out;
         int status = BridgeInstaller::run(arguments, bridge.value_or(this->bridge), studio, system(), settings(), out);
-        return {status, out.str()};
+        return {arguments, status, out.str()};
     }
-    // The first line of what a run printed.
-    static std::string firstLine(const Result& result) { return result.output.substr(0, result.output.find('\n')); }
     // Runs the installer with each command line in turn and checks its exit
     // status and everything it printed.
-    struct Expected {
-        std::vector<std::string> arguments;
-        int status;
-        std::string output;
-    };
-    void expect(const std::vector<Expected>& runs) {
+    void expect(const std::vector<Result>& runs) {
         for (const auto& expected : runs) {
             auto result = run(expected.arguments);
             EXPECT_EQ(result.status, expected.status) << testing::PrintToString(expected.arguments);

@@ -8,38 +8,39 @@ using namespace installertest;
 
 namespace {
 
-const std::string removeByHand = "    Remove \"vantoric-studio\" from its \"mcp\" section by hand.";
+const std::string removeByHand = "    Remove \"vantoric-studio\" from its \"mcp\" section by hand.\n";
 
 std::string entryFile(const std::string& command) {
-    return "{\n  \"mcp\": {\n    \"vantoric-studio\": {\n      \"type\": \"local\",\n      \"command\": " + command +
-           "\n    }\n  }\n}\n";
+    return "{\n  \"mcp\": {\n    \"vantoric-studio\": {\n      \"type\": \"local\",\n      \"command\": " + command + "\n    }\n  }\n}\n";
 }
 
 class OpenCodeConfig : public ::testing::Test {
 protected:
     void SetUp() override { machine.installAgent("opencode"); }
     fs::path config(const std::string& name) const { return machine.openCodeFolder() / name; }
-    fs::path write(const std::string& name, const std::string& text, mode_t mode = 0644) {
-        return machine.files.write(config(name), text, mode);
-    }
+    void write(const std::string& name, const std::string& text) { machine.files.write(config(name), text); }
     std::optional<std::string> read(const std::string& name) const { return machine.files.text(config(name)); }
     std::string bridgeArray() const { return "[\"" + machine.bridge.string() + "\"]"; }
     std::vector<std::string>& calls() { return machine.agents.calls["opencode"]; }
 
     Machine machine;
+    fs::path dotfile = machine.root / "dotfiles/opencode.jsonc";
 };
 
 }  // namespace
 
-TEST_F(OpenCodeConfig, NoFileIsNotAddedAndInstallLetsOpenCodeAddIt) {
+TEST_F(OpenCodeConfig, NoFileOrADanglingLinkIsNotAddedYetAndOpenCodeAddsItThroughTheLink) {
+    machine.files.createFolders(dotfile.parent_path());
+    machine.files.put(config("opencode.jsonc"), FileKind::link, "../../../dotfiles/opencode.jsonc");
     machine.expect({{{"status"}, 0, "OpenCode: MCP server not added, skill not installed.\n"},
+                    {{"uninstall"}, 0, "OpenCode: no MCP server to remove.\n"},
                     {{"install"}, 0, "OpenCode: Studio's MCP server added, skill installed.\n" + advice},
-                    {{"status"}, 0, "OpenCode: MCP server added, skill installed.\n"},
                     {{"install"}, 0, "OpenCode: Studio's MCP server already set up, skill installed.\n" + advice}});
     // Current OpenCode refuses --global; the plain form writes the global file.
     std::string bridge = machine.bridge.string();
-    EXPECT_EQ(calls(), (std::vector<std::string>{"mcp add --global vantoric-studio -- " + bridge,
-                                                 "mcp add vantoric-studio -- " + bridge}));
+    EXPECT_EQ(calls(), (std::vector<std::string>{"mcp add --global vantoric-studio -- " + bridge, "mcp add vantoric-studio -- " + bridge}));
+    EXPECT_EQ(machine.files.linkStatus(config("opencode.jsonc")).kind, FileKind::link);
+    EXPECT_TRUE(machine.files.text(dotfile));
 }
 
 TEST_F(OpenCodeConfig, AddIsRetriedWithoutGlobalOnlyWhenOpenCodeExitedRefusingIt) {
@@ -48,29 +49,21 @@ TEST_F(OpenCodeConfig, AddIsRetriedWithoutGlobalOnlyWhenOpenCodeExitedRefusingIt
         std::size_t calls;
         std::string output;
     };
-    auto exited = [](int status, std::string output) {
-        return platform::CommandResult{.status = status, .exited = true, .head = std::move(output)};
-    };
-    std::string added = "\u25C6  MCP server \"vantoric-studio\" added\n";
-    std::vector<Case> cases = {
-        // Refused, then failed anyway: both answers are shown.
-        {exited(1, "opencode mcp add [name]\n"), exited(1, "Error: config folder is read-only\n"), 2,
-         "could not add Studio's MCP server, skill installed.\n"
-         "    opencode mcp add [name]\n    Without --global:\n    Error: config folder is read-only\n"},
-        // Hung or killed: the plain form would fare no better, and the first
-        // answer is the one that tells why.
-        {{.stopped = true, .head = "Loading plugins\n"}, exited(0, ""), 1,
-         "could not add Studio's MCP server, skill installed.\n"
-         "    Loading plugins\n    (stopped after 1 s without an answer)\n"},
-        {{.status = 9, .head = "Loading plugins\n"}, exited(0, ""), 1,
-         "could not add Studio's MCP server, skill installed.\n    Loading plugins\n"},
-        // Said so, yet wrote nothing.
-        {exited(0, added), exited(0, ""), 1,
-         "OpenCode said it added Studio's MCP server, but its global config does not show it, skill installed.\n    " +
-             added},
-    };
+    auto exited = [](int status, std::string output) { return platform::CommandResult{.status = status, .exited = true, .head = output}; };
+    std::string added = "\u25C6  MCP server \"vantoric-studio\" added\n", failed = "could not add Studio's MCP server, skill installed.\n";
     machine.timeout = 1;
-    for (const auto& c : cases) {
+    for (const auto& c : std::vector<Case>{
+             // Refused, then failed anyway: both answers are shown.
+             {exited(1, "opencode mcp add [name]\n"), exited(1, "Error: config folder is read-only\n"), 2,
+              failed + "    opencode mcp add [name]\n    Without --global:\n    Error: config folder is read-only\n"},
+             // Hung or killed: the plain form would fare no better, and the
+             // first answer is the one that tells why.
+             {{.stopped = true, .head = "Loading plugins\n"}, exited(0, ""), 1,
+              failed + "    Loading plugins\n    (stopped after 1 s without an answer)\n"},
+             {{.status = 9, .head = "Loading plugins\n"}, exited(0, ""), 1, failed + "    Loading plugins\n"},
+             // Said so, yet wrote nothing.
+             {exited(0, added), exited(0, ""), 1,
+              "OpenCode said it added Studio's MCP server, but its global config does not show it, skill installed.\n    " + added}}) {
         machine.agents.calls.clear();
         machine.agents.scripts["opencode"] = {{"add --global", c.withGlobal}, {"add vantoric-studio", c.without}};
         machine.expect({{{"install"}, 1, "OpenCode: " + c.output}});
@@ -78,7 +71,7 @@ TEST_F(OpenCodeConfig, AddIsRetriedWithoutGlobalOnlyWhenOpenCodeExitedRefusingIt
     }
 }
 
-TEST_F(OpenCodeConfig, OnlyTheEntryChangesInAFileWithCommentsTrailingCommasAndLatin1) {
+TEST_F(OpenCodeConfig, OnlyTheEntryChangesAtALinksTargetWithCommentsTrailingCommasAndLatin1) {
     std::string before =
         "// my OpenCode setup, r\xE9sum\xE9 of my servers\n"  // Latin-1, not UTF-8: the user's bytes all the same
         "{\n"
@@ -93,38 +86,34 @@ TEST_F(OpenCodeConfig, OnlyTheEntryChangesInAFileWithCommentsTrailingCommasAndLa
         "    },\n"
         "  },\n"
         "}\n";
-    write("opencode.json", before, 0640);
+    machine.files.write(dotfile, before, 0640);
+    machine.files.put(config("opencode.json"), FileKind::link, "../../../dotfiles/opencode.jsonc");
     machine.expect({{{"status"}, 0, "OpenCode: MCP server added but it runs another copy, skill not installed.\n    It runs "
                                     "/opt/old/vantoric-studio-mcp; `vantoric-studio-mcp install` points it at this one.\n"},
-                    {{"install"}, 0, "OpenCode: Studio's MCP server updated (it ran /opt/old/vantoric-studio-mcp), skill "
-                                     "installed.\n" + advice}});
-    std::string oldArray = "[\"/opt/old/vantoric-studio-mcp\",\n                   ]";
-    std::string expected = before;
+                    {{"install"}, 0, "OpenCode: Studio's MCP server updated (it ran /opt/old/vantoric-studio-mcp), skill installed.\n" + advice}});
+    std::string oldArray = "[\"/opt/old/vantoric-studio-mcp\",\n                   ]", expected = before;
     expected.replace(expected.find(oldArray), oldArray.size(), bridgeArray());
-    EXPECT_EQ(read("opencode.json"), expected);
-    EXPECT_EQ(machine.files.status(config("opencode.json")).permissions, 0640u);
+    EXPECT_EQ(machine.files.text(dotfile), expected);
+    EXPECT_EQ(machine.files.status(dotfile).permissions, 0640u);
+    EXPECT_EQ(machine.files.linkStatus(config("opencode.json")).kind, FileKind::link);
 
     EXPECT_EQ(machine.run({"uninstall"}).status, 0);
     std::string entry = expected.substr(expected.find("    \"vantoric-studio\""));
-    entry = entry.substr(0, entry.find("    },\n") + 7);
-    expected.erase(expected.find(entry), entry.size());
-    EXPECT_EQ(read("opencode.json"), expected);
+    expected.erase(expected.find(entry), entry.find("    },\n") + 7);
+    EXPECT_EQ(machine.files.text(dotfile), expected);
     EXPECT_TRUE(calls().empty());
 }
 
 TEST_F(OpenCodeConfig, EveryEntryInBothFilesIsFoundAndOnlyStaleOnesAreRewritten) {
-    std::string current = entryFile(bridgeArray());
-    write("opencode.json", current);
+    write("opencode.json", entryFile(bridgeArray()));
     write("opencode.jsonc", "{\n  \"mcp\": {\n    \"servers\": {\n      \"vantoric-studio\": {\"command\": [\"npx\", \"studio-mcp\"]}"
                             "\n    },\n    \"vantoric-studio\": {\"command\": " + bridgeArray() + "},\n    \"keep\": {}\n  }\n}\n");
     auto scan = BridgeInstaller::openCodeScan(machine.agent("opencode"), machine.settings(), machine.system());
     ASSERT_EQ(scan.entries.size(), 3u);
     EXPECT_EQ(scan.entries[1].path, (std::vector<std::string>{"mcp", "servers", "vantoric-studio"}));
     EXPECT_EQ(scan.entries[2].path, (std::vector<std::string>{"mcp", "vantoric-studio"}));
-    EXPECT_NE(machine.run({"status", "--json"}).output.find(
-                  R"({"detail":"npx studio-mcp","id":"opencode","registration":"other")"),
+    EXPECT_NE(machine.run({"status", "--json"}).output.find(R"({"detail":"npx studio-mcp","id":"opencode","registration":"other")"),
               std::string::npos);
-
     machine.expect({{{"install"}, 0, "OpenCode: Studio's MCP server updated (it ran npx studio-mcp), skill installed.\n" + advice},
                     {{"status"}, 0, "OpenCode: MCP server added, skill installed.\n"}});
     EXPECT_EQ(machine.files.written.front(), config("opencode.jsonc")) << "the current file is left alone";
@@ -132,6 +121,11 @@ TEST_F(OpenCodeConfig, EveryEntryInBothFilesIsFoundAndOnlyStaleOnesAreRewritten)
                     {{"uninstall"}, 0, "OpenCode: no MCP server to remove.\n"}});
     EXPECT_EQ(read("opencode.json"), "{\n  \"mcp\": {\n  }\n}\n");
     EXPECT_EQ(read("opencode.jsonc"), "{\n  \"mcp\": {\n    \"servers\": {\n    },\n    \"keep\": {}\n  }\n}\n");
+    // Only an array of strings is a command.
+    auto entries = BridgeInstaller::openCodeEntries(R"({"mcp": {"vantoric-studio": {"command": ["a", 1]}, "servers": )"
+                                                    R"({"vantoric-studio": {"command": []}}}})", "/f", "vantoric-studio");
+    EXPECT_EQ(entries.value().at(0).command, std::vector<std::string>{});
+    EXPECT_EQ(entries.value().at(1).command, std::nullopt);
 }
 
 TEST_F(OpenCodeConfig, EntryThatCannotBeEditedOrWrittenIsLeftWithAStepByHand) {
@@ -153,23 +147,6 @@ TEST_F(OpenCodeConfig, EntryThatCannotBeEditedOrWrittenIsLeftWithAStepByHand) {
     EXPECT_EQ(read("opencode.json"), entryFile("[\"/old\"]"));
 }
 
-TEST_F(OpenCodeConfig, LinkedFileIsEditedAtItsTargetAndADanglingLinkIsAFileNotYetWritten) {
-    fs::path target = machine.files.write(machine.root / "dotfiles/opencode.jsonc", entryFile("[\"/old\"]"), 0600);
-    machine.files.put(config("opencode.jsonc"), FileKind::link, "../../../dotfiles/opencode.jsonc");
-    EXPECT_EQ(machine.run({"install"}).status, 0);
-    EXPECT_EQ(machine.files.at(config("opencode.jsonc"))->kind, FileKind::link);
-    EXPECT_EQ(machine.files.text(target), entryFile(bridgeArray()));
-    EXPECT_EQ(machine.files.status(target).permissions, 0600u);
-
-    machine.files.remove(target);
-    machine.expect({{{"status"}, 0, "OpenCode: MCP server not added, skill installed.\n"},
-                    {{"uninstall"}, 0, "OpenCode: no MCP server to remove, skill removed.\n"},
-                    {{"install"}, 0, "OpenCode: Studio's MCP server added, skill installed.\n" + advice}});
-    // OpenCode wrote through the link, which stays one.
-    EXPECT_EQ(machine.files.at(config("opencode.jsonc"))->kind, FileKind::link);
-    EXPECT_TRUE(machine.files.text(target));
-}
-
 TEST_F(OpenCodeConfig, UnreadableFilesAreNamedAndABrokenOneCountsOnlyWhenItNamesTheServer) {
     write("opencode.json", "{ \"theme\": \"dark\", oops }");
     machine.expect({{{"status"}, 0, "OpenCode: MCP server not added, skill not installed.\n"}});
@@ -181,25 +158,12 @@ TEST_F(OpenCodeConfig, UnreadableFilesAreNamedAndABrokenOneCountsOnlyWhenItNames
                                      "\"vantoric-studio\" MCP server runs " + bridgeArray() + ".\n"}});
     EXPECT_EQ(read("opencode.jsonc"), entryFile("[\"/old\"]"));  // nothing is changed anywhere
     EXPECT_TRUE(calls().empty());
-    machine.expect({{{"uninstall"}, 1, "OpenCode: could not read " + path + ", MCP server removed, skill removed.\n" + removeByHand + "\n"}});
+    machine.expect({{{"uninstall"}, 1, "OpenCode: could not read " + path + ", MCP server removed, skill removed.\n" + removeByHand}});
     EXPECT_EQ(read("opencode.jsonc"), "{\n  \"mcp\": {\n  }\n}\n");  // the readable file is still cleaned
-
     // A folder or a loop of links in a file's place cannot be read.
     machine.files.remove(config("opencode.json"));
     machine.files.createFolders(config("opencode.json"));
     machine.files.put(config("opencode.jsonc"), FileKind::link, "opencode.jsonc");
     machine.expect({{{"uninstall"}, 1, "OpenCode: could not read " + path + ", could not read " + config("opencode.jsonc").string() +
-                                           ".\n" + removeByHand + "\n" + removeByHand + "\n"}});
-}
-
-TEST_F(OpenCodeConfig, ScanReadsOnlyArraysOfStringsAsCommands) {
-    auto entries = BridgeInstaller::openCodeEntries(
-        "{\"mcp\": {\"vantoric-studio\": {\"command\": [\"a\", 1]}, \"servers\": {\"vantoric-studio\": {\"command\": []}}}}",
-        "/f", "vantoric-studio");
-    ASSERT_TRUE(entries);
-    ASSERT_EQ(entries->size(), 2u);
-    EXPECT_EQ((*entries)[0].command, std::vector<std::string>{});
-    EXPECT_EQ((*entries)[1].command, std::nullopt);
-    EXPECT_FALSE(BridgeInstaller::openCodeEntries("{", "/f", "vantoric-studio"));
-    EXPECT_EQ(BridgeInstaller::openCodeEntries("[]", "/f", "vantoric-studio")->size(), 0u);
+                                           ".\n" + removeByHand + removeByHand}});
 }
