@@ -29,7 +29,7 @@ int run(const std::vector<std::string>& arguments, const fs::path& bridge, const
         const platform::Environment& environment) {
     platform::LinuxCommandRunner commands(environment);
     System system{platform::systemFiles(), commands, platform::systemUsers(), environment};
-    int status = run(arguments, bridge, app, system, Settings::current(), std::cout);
+    int status = run(arguments, bridge, app, system, Settings::current(environment), std::cout);
     std::cout.flush();
     return status;
 }
