@@ -168,8 +168,7 @@ public:
         std::string sub = args.at(1), name = id == "claude" && sub == "add" ? args.at(4) : args.at(2);
         if (id == "opencode") return openCodeAdd(args, name, words);
         auto& list = servers[id];
-        bool known = list.count(name);
-        if (sub == "get" && !known)
+        if (sub == "get" && !list.count(name))
             return answer(1, id == "claude" ? "No MCP server named \"" + name + "\". Run `claude mcp add` to add one.\n"
                                             : "Error: No MCP server named '" + name + "' found.\n");
         if (sub == "get" && id == "claude") {
@@ -182,9 +181,6 @@ public:
                                         {"args", std::vector<std::string>(list[name].begin() + 1, list[name].end())}};
             return answer(0, nlohmann::json{{"name", name}, {"enabled", true}, {"transport", transport}}.dump(2) + "\n");
         }
-        if (id == "claude" && known == (sub == "add"))
-            return answer(1, sub == "add" ? "MCP server " + name + " already exists in user config\n"
-                                          : "No MCP server named \"" + name + "\" in user scope\n");
         if (sub == "add") list[name] = words;
         else list.erase(name);
         return answer(0, (sub == "add" ? "Added MCP server " : "Removed MCP server ") + name + "\n");

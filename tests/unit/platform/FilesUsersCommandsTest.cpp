@@ -27,6 +27,44 @@ namespace {
 
 std::string failure(const std::optional<platform::SystemError>& error) { return error ? error->description : "none"; }
 
+platform::CommandResult shell(const std::string& script, double timeout = 10, platform::RunLimits limits = {},
+                              platform::Environment environment = {{"PATH", "/usr/bin:/bin"}}) {
+    return platform::LinuxCommandRunner(std::move(environment), limits).run("/bin/sh", {"-c", script}, timeout);
+}
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// No child of this test process is left unreaped.
+bool noZombies() {
+    int status;
+    return waitpid(-1, &status, WNOHANG) <= 0;
+}
+
+// A process that traces the process whose pid appears in `pidFile` and then
+// does nothing: a traced child that dies is reported to its tracer, not to
+// its parent, so for its parent it outlives SIGKILL for as long as the tracer
+// lives. The tracer gives up after 20 s, so that a runner that waits without
+// bound still returns in the end.
+pid_t startTracer(const std::string& pidFile) {
+    pid_t tracer = fork();
+    if (tracer != 0) return tracer;
+    alarm(20);
+    for (;;) {
+        int fd = open(pidFile.c_str(), O_RDONLY);
+        if (fd >= 0) {
+            char digits[32];
+            ssize_t n = read(fd, digits, sizeof digits - 1);
+            close(fd);
+            if (n > 0 && digits[n - 1] == '\n') {
+                digits[n] = '\0';
+                if (ptrace(PTRACE_SEIZE, static_cast<pid_t>(std::atol(digits)), nullptr, nullptr) != 0) _exit(1);
+                for (;;) pause();
+            }
+        }
+        usleep(1000);
+    }
+}
+
 }  // namespace
 
 TEST(LinuxFiles, WholeFilesAreReadAndReplacedAtomicallyOrLeftAsTheyWere) {
@@ -113,23 +151,6 @@ TEST(UserHomes, TildeNamesTheHomeFolderOrAUsersAndHomeComesFromTheEnvironmentFir
     EXPECT_FALSE(real.homeOf("no-such-user-vsm"));
 }
 
-namespace {
-
-platform::CommandResult shell(const std::string& script, double timeout = 10, platform::RunLimits limits = {},
-                              platform::Environment environment = {{"PATH", "/usr/bin:/bin"}}) {
-    return platform::LinuxCommandRunner(std::move(environment), limits).run("/bin/sh", {"-c", script}, timeout);
-}
-
-double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
-// No child of this test process is left unreaped.
-bool noZombies() {
-    int status;
-    return waitpid(-1, &status, WNOHANG) <= 0;
-}
-
-}  // namespace
-
 TEST(ChildProcesses, OutputInArrivalOrderStatusArgumentsAndEnvironmentExactlyAsGiven) {
     auto result = shell("echo one; echo two >&2; printf 'thr\\377ee'; cat; exit 3");
     EXPECT_EQ(result.status, 3);
@@ -211,35 +232,6 @@ TEST(ChildProcesses, HangingChildIsStoppedOneIgnoringTerminationKilledAGrandchil
     EXPECT_EQ(parent.head, "parent\n");
     EXPECT_TRUE(noZombies());
 }
-
-namespace {
-
-// A process that traces the process whose pid appears in `pidFile` and then
-// does nothing: a traced child that dies is reported to its tracer, not to
-// its parent, so for its parent it outlives SIGKILL for as long as the tracer
-// lives. The tracer gives up after 20 s, so that a runner that waits without
-// bound still returns in the end.
-pid_t startTracer(const std::string& pidFile) {
-    pid_t tracer = fork();
-    if (tracer != 0) return tracer;
-    alarm(20);
-    for (;;) {
-        int fd = open(pidFile.c_str(), O_RDONLY);
-        if (fd >= 0) {
-            char digits[32];
-            ssize_t n = read(fd, digits, sizeof digits - 1);
-            close(fd);
-            if (n > 0 && digits[n - 1] == '\n') {
-                digits[n] = '\0';
-                if (ptrace(PTRACE_SEIZE, static_cast<pid_t>(std::atol(digits)), nullptr, nullptr) != 0) _exit(1);
-                for (;;) pause();
-            }
-        }
-        usleep(1000);
-    }
-}
-
-}  // namespace
 
 TEST(ChildProcesses, ChildThatOutlivesSIGKILLIsGivenUpAfterABoundedWait) {
     testsupport::TempDir dir;
