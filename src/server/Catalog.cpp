@@ -13,6 +13,8 @@
 
 namespace fs = std::filesystem;
 
+namespace server {
+
 namespace {
 
 std::optional<std::string> readWholeFile(const fs::path& path) {
@@ -36,12 +38,6 @@ std::optional<std::string> readWholeFile(const fs::path& path) {
     return bytes;
 }
 
-const std::string* stringMember(const Json& object, std::string_view name) {
-    if (!object.is_object()) return nullptr;
-    auto it = object.find(std::string(name));
-    if (it == object.end() || !it->is_string()) return nullptr;
-    return &it->get_ref<const std::string&>();
-}
 
 // ---- names as user-perceived characters ----
 
@@ -391,3 +387,5 @@ std::optional<std::string> Catalog::closest(std::string_view name, const std::ve
     if (bestDistance == 0 || (given.size() >= 4 && bestDistance <= given.size() / 3)) return among[best];
     return std::nullopt;
 }
+
+}  // namespace server

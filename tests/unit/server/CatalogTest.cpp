@@ -5,6 +5,7 @@
 #include "support/TempDir.h"
 
 using testsupport::TempDir;
+namespace Catalog = server::Catalog;
 
 namespace {
 

@@ -2,6 +2,8 @@
 
 #include "server/Catalog.h"
 
+namespace Catalog = server::Catalog;
+
 namespace {
 
 Json toolWith(const std::string& name, std::vector<std::string> properties) {

@@ -2,6 +2,8 @@
 
 #include "server/ToolResults.h"
 
+namespace ToolResults = server::ToolResults;
+
 namespace {
 Json textItem(const std::string& text) { return {{"type", "text"}, {"text", text}}; }
 Json withContent(Json content, bool isError = false) { return {{"content", std::move(content)}, {"isError", isError}}; }
