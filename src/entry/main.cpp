@@ -28,8 +28,8 @@
 #include "platform/Environment.h"
 #include "platform/Executable.h"
 #include "platform/Log.h"
+#include "platform/Users.h"
 #include "base/StudioLocation.h"
-#include "server/AgentPaths.h"
 #include "server/Catalog.h"
 #include "server/InputLoop.h"
 #include "server/StudioMCPBridge.h"
@@ -88,7 +88,7 @@ int main(int argc, char** argv) {
     setup.app = app;
     setup.catalog = server::Catalog::catalogData(app, environment);
     setup.workingDirectory = currentFolder();
-    setup.home = server::AgentPaths::homeIn(environment);
+    setup.home = platform::homeFolder(environment, platform::systemUsers());
     setup.output = writeToStandardOutput;
     setup.timing = server::BridgeTiming::fromEnvironment(environment);
     auto bridge = server::StudioMCPBridge::create(context.get_executor(), std::move(setup));

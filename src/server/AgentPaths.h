@@ -12,16 +12,16 @@
 #include <string_view>
 
 #include "platform/Environment.h"
+#include "platform/Files.h"
+#include "platform/Users.h"
 
 namespace server {
 
 class AgentPaths {
 public:
-    AgentPaths(std::filesystem::path workingDirectory, std::optional<std::string> home);
-
-    // The home folder of the environment: $HOME when set and not empty, else
-    // the password database's entry for this user.
-    static std::optional<std::string> homeIn(const platform::Environment& environment);
+    AgentPaths(std::filesystem::path workingDirectory, std::optional<std::string> home,
+               const platform::Users& users = platform::systemUsers(),
+               const platform::Files& files = platform::systemFiles());
 
     std::filesystem::path resolve(std::string_view path) const;
 
@@ -31,9 +31,9 @@ public:
     std::filesystem::path existingFile(std::string_view path) const;
 
     // Whether the path names a folder (a NUL in it names none).
-    static bool isFolder(const std::filesystem::path& path);
+    bool isFolder(const std::filesystem::path& path) const;
     // Whether something, a dangling link included, is at the path.
-    static bool occupied(const std::filesystem::path& path);
+    bool occupied(const std::filesystem::path& path) const;
     // Whether the path's extension, lower-cased, is "mp4".
     static bool isMP4(const std::filesystem::path& path);
 
@@ -42,6 +42,8 @@ public:
 private:
     std::filesystem::path workingDirectory_;
     std::optional<std::string> home_;
+    const platform::Users& users_;
+    const platform::Files& files_;
 };
 
 }  // namespace server

@@ -1,15 +1,12 @@
 #include "server/Catalog.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utf8proc.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 
 #include "base/BridgeError.h"
+#include "platform/Files.h"
 
 namespace fs = std::filesystem;
 
@@ -17,27 +14,7 @@ namespace server {
 
 namespace {
 
-std::optional<std::string> readWholeFile(const fs::path& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::string bytes;
-    if (struct stat info{}; ::fstat(fd, &info) == 0 && info.st_size > 0)
-        bytes.reserve(static_cast<size_t>(info.st_size));
-    char buffer[65536];
-    for (;;) {
-        ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {  // a folder opens but does not read
-            ::close(fd);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        bytes.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(fd);
-    return bytes;
-}
-
+std::optional<std::string> readWholeFile(const fs::path& path) { return platform::systemFiles().read(path).bytes; }
 
 // ---- names as user-perceived characters ----
 

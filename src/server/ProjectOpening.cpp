@@ -20,7 +20,7 @@ Task<Json> ProjectOpening::open(Json arguments) {
     if (!path) co_return co_await forward(*studio_, std::move(arguments), "project");
 
     fs::path folder = paths_.resolve(*path);
-    if (!AgentPaths::isFolder(folder))
+    if (!paths_.isFolder(folder))
         co_return ToolResults::toolError("No project at " + displayable(folder.native()) +
                                          ". Pass a .vantoric folder, an id from studio_status, or create one.");
     arguments["path"] = folder.string();

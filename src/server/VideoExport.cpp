@@ -72,7 +72,7 @@ Task<Json> VideoExport::start(Json arguments, Progress progress) {
         if (url.native().find('\0') != std::string::npos)
             co_return toolError(displayable(url.native()) + " cannot be saved to: a path cannot hold a NUL byte.");
         bool replace = isTrue(arguments, "overwrite");
-        if (AgentPaths::occupied(url) && !replace)
+        if (paths_.occupied(url) && !replace)
             co_return toolError(url.string() +
                                 " already exists. Pass overwrite:true to replace it, or choose another path.");
         destination = Destination{std::move(url), replace};
