@@ -93,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     setup.catalog = std::string(catalog);
     setup.workingDirectory = "/tmp/fuzz-folder";
     setup.output = [&](std::string_view line) { written.emplace_back(line); };
-    setup.services = std::move(services);
+    setup.services.emplace(std::move(services));
     auto bridge = StudioMCPBridge::create(context.get_executor(), std::move(setup));
 
     std::map<std::string, int> eras;
