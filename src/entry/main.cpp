@@ -28,6 +28,9 @@
 #include "platform/Environment.h"
 #include "platform/Executable.h"
 #include "platform/Log.h"
+#include "platform/Users.h"
+#include "base/StudioLocation.h"
+#include "server/Catalog.h"
 #include "server/InputLoop.h"
 #include "server/StudioMCPBridge.h"
 
@@ -70,7 +73,7 @@ int main(int argc, char** argv) {
 
     const platform::Environment environment = platform::captureEnvironment();
     const std::optional<fs::path> executable = platform::ownExecutable();
-    const std::optional<fs::path> app = StudioMCPBridge::locateApp(executable, environment);
+    const std::optional<fs::path> app = StudioLocation::locateApp(executable, environment);
 
     if (argc > 1 && executable) {
         std::error_code ec;
@@ -80,11 +83,15 @@ int main(int argc, char** argv) {
         std::exit(BridgeInstaller::run(arguments, bridge, app, environment));
     }
 
-    auto catalog = StudioMCPBridge::catalogData(app, environment);
     boost::asio::io_context context(1);
-    BridgeTiming timing = BridgeTiming::fromEnvironment(environment);
-    auto bridge = StudioMCPBridge::create(context.get_executor(), app, std::move(catalog), currentFolder(),
-                                          writeToStandardOutput, timing);
+    server::StudioMCPBridge::Setup setup;
+    setup.app = app;
+    setup.catalog = server::Catalog::catalogData(app, environment);
+    setup.workingDirectory = currentFolder();
+    setup.home = platform::homeFolder(environment, platform::systemUsers());
+    setup.output = writeToStandardOutput;
+    setup.timing = server::BridgeTiming::fromEnvironment(environment);
+    auto bridge = server::StudioMCPBridge::create(context.get_executor(), std::move(setup));
     if (!app) platform::log("Vantoric Studio was not found; set VANTORIC_STUDIO_APP.");
 
     // The run ends at the end of input or at SIGINT, SIGTERM or SIGHUP
@@ -115,7 +122,7 @@ int main(int argc, char** argv) {
     };
     signals.async_wait(onSignal);
 
-    std::thread reader = startInputLoop(STDIN_FILENO, bridge, [&] { boost::asio::post(context, end); });
+    std::thread reader = server::startInputLoop(STDIN_FILENO, bridge, [&] { boost::asio::post(context, end); });
     context.run();
     removeUnfinishedDownloads();
     // After a signal the reader may still wait for input that never comes;

@@ -2,6 +2,8 @@
 
 #include "base/BridgeError.h"
 
+namespace server {
+
 namespace {
 
 bool isJSONValue(const Json& value) {
@@ -34,3 +36,4 @@ std::string JSONText::text() const {
 
 std::string compactJSON(const Json& object) { return JSONText{object}.text(); }
 
+}  // namespace server
