@@ -2,7 +2,6 @@
 // output, with any argument the installer. The environment is read once and
 // Studio located once, so both modes see the same bundle.
 #include <malloc.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,6 +26,7 @@
 #include "link/DownloadFile.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
+#include "platform/Files.h"
 #include "platform/Log.h"
 #include "platform/Users.h"
 #include "base/StudioLocation.h"
@@ -38,23 +38,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// One unbuffered write of the whole line (continued should the kernel take
-// only part of it, or should the agent have left the pipe non-blocking). A
-// reader that went away is not an error of ours: the line is dropped.
-void writeToStandardOutput(std::string_view line) {
-    size_t done = 0;
-    while (done < line.size()) {
-        ssize_t n = ::write(STDOUT_FILENO, line.data() + done, line.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            pollfd writable{STDOUT_FILENO, POLLOUT, 0};
-            ::poll(&writable, 1, -1);
-            continue;
-        }
-        if (n <= 0) return;
-        done += static_cast<size_t>(n);
-    }
-}
+// One unbuffered write of the whole line. A reader that went away is not an
+// error of ours: the line is dropped.
+void writeToStandardOutput(std::string_view line) { platform::writeAll(STDOUT_FILENO, line, "standard output"); }
 
 fs::path currentFolder() {
     std::error_code ec;

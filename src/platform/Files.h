@@ -69,6 +69,10 @@ public:
     // A regular file (links followed) this process may run.
     virtual bool isExecutable(const std::filesystem::path& path) const = 0;
 
+    // Whether the file opens for reading: the one true test of permissions,
+    // ACLs and file systems that refuse. Never waits on a pipe swapped in.
+    virtual bool readable(const std::filesystem::path& path) const = 0;
+
     // The path with links resolved as far as it exists and no "." or ".."
     // left; nothing need exist. The part that exists is made absolute (a
     // relative path none of which exists stays relative), and a path that
@@ -86,14 +90,16 @@ public:
     FileStatus status(const std::filesystem::path& path) const override;
     FileStatus linkStatus(const std::filesystem::path& path) const override;
     bool isExecutable(const std::filesystem::path& path) const override;
+    bool readable(const std::filesystem::path& path) const override;
     std::filesystem::path resolved(const std::filesystem::path& path) const override;
 };
 
 // The process-wide real instance.
 Files& systemFiles();
 
-// Writes all the bytes to a descriptor in blocking mode, going on after short
-// writes and interruptions. Failure: "<what>: <reason>".
+// Writes all the bytes to a descriptor, going on after short writes and
+// interruptions, and waiting for room when whoever handed the descriptor
+// over left it non-blocking. Failure: "<what>: <reason>".
 std::optional<SystemError> writeAll(int fd, std::string_view bytes, const std::string& what);
 
 }  // namespace platform

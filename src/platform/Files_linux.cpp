@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +39,11 @@ std::optional<SystemError> writeAll(int fd, std::string_view bytes, const std::s
         ssize_t n = ::write(fd, bytes.data(), bytes.size());
         if (n < 0) {
             if (errno == EINTR) continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                pollfd writable{fd, POLLOUT, 0};
+                ::poll(&writable, 1, -1);
+                continue;
+            }
             return SystemError::fromErrno(errno, what);
         }
         bytes.remove_prefix(static_cast<std::size_t>(n));
@@ -114,6 +120,13 @@ FileStatus LinuxFiles::status(const fs::path& path) const {
 FileStatus LinuxFiles::linkStatus(const fs::path& path) const {
     struct stat info;
     return statusFrom(::lstat(path.c_str(), &info), info);
+}
+
+bool LinuxFiles::readable(const fs::path& path) const {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
 }
 
 bool LinuxFiles::isExecutable(const fs::path& path) const {

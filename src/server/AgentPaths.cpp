@@ -1,7 +1,5 @@
 #include "server/AgentPaths.h"
 
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "base/BridgeError.h"
 #include "json/Json.h"
@@ -46,12 +44,7 @@ fs::path AgentPaths::existingFile(std::string_view path) const {
     if (kind == platform::FileKind::missing || kind == platform::FileKind::unknown || kind == platform::FileKind::folder)
         throw BridgeError("No file at " + url.string() + ".");
     if (kind != platform::FileKind::file) throw BridgeError("Cannot read " + url.string() + ".");
-    // Opening is the one true test of readability (permissions, ACLs, a
-    // file system that refuses); O_NONBLOCK keeps a pipe swapped in from
-    // holding us.
-    int fd = ::open(url.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) throw BridgeError("Cannot read " + url.string() + ".");
-    ::close(fd);
+    if (!files_.readable(url)) throw BridgeError("Cannot read " + url.string() + ".");
     return url;
 }
 

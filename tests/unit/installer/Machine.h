@@ -79,6 +79,7 @@ public:
     bool isExecutable(const fs::path& path) const override {
         return status(path).kind == FileKind::file && (status(path).permissions & 0111);
     }
+    bool readable(const fs::path& path) const override { return status(path).kind == FileKind::file; }
     fs::path resolved(const fs::path& path) const override {
         auto [resolved, error] = walk(path, true);
         return error == ELOOP ? path.lexically_normal() : resolved;
