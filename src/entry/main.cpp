@@ -72,6 +72,7 @@ int main(int argc, char** argv) {
     boost::asio::io_context context(1);
     server::StudioMCPBridge::Setup setup;
     setup.app = app;
+    setup.bundleIdentifier = StudioLocation::studioIdentifier(StudioLocation::appCandidate(executable, environment));
     setup.catalog = server::Catalog::catalogData(app, environment);
     setup.workingDirectory = currentFolder();
     setup.home = platform::homeFolder(environment, platform::systemUsers());

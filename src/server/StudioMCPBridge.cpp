@@ -70,6 +70,7 @@ std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context
 StudioMCPBridge::StudioMCPBridge(boost::asio::io_context::executor_type executor, Setup& setup)
     : strand_(executor),
       app_(std::move(setup.app)),
+      bundleIdentifier_(std::move(setup.bundleIdentifier)),
       catalog_(std::move(setup.catalog)),
       output_(std::move(setup.output)),
       timing_(setup.timing),
@@ -82,13 +83,13 @@ Routes StudioMCPBridge::routes() {
     Routes table;
     table.method("initialize", [this](Request& request) -> Answer {
         if (auto name = SessionSetup::clientNameIn(request.params)) clientName_ = std::move(*name);
-        return SessionSetup::initializeResult(request.params, identity(), catalog_, StudioLocation::bundleIdentifier());
+        return SessionSetup::initializeResult(request.params, identity(), catalog_, bundleIdentifier_);
     });
     table.method("ping", [](Request&) -> Answer { return Json::object(); });
     // Never waits for anything, the link least of all: clients probe with
     // it on a copy of the process that they throw away.
     table.method("server/discover", [this](Request&) -> Answer {
-        return SessionSetup::discoverResult(catalog_, StudioLocation::bundleIdentifier());
+        return SessionSetup::discoverResult(catalog_, bundleIdentifier_);
     });
     table.method("tools/list", [this](Request&) -> Answer {
         return Json::object({{"tools", Catalog::toolsIn(catalog_)}});
@@ -282,7 +283,7 @@ const Json& StudioMCPBridge::identity() {
     // Read once: the catalog is fixed for the life of the process, and the
     // identity is what tells a client's cache which catalog it holds. Every
     // stateless result carries it, so it must not cost a file read each.
-    if (!identity_) identity_ = SessionSetup::serverInfo(app_, StudioLocation::bundleIdentifier(), bundles_);
+    if (!identity_) identity_ = SessionSetup::serverInfo(app_, bundleIdentifier_, bundles_);
     return *identity_;
 }
 

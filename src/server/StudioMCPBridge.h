@@ -23,6 +23,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/strand.hpp>
 
+#include "base/StudioLocation.h"
 #include "link/StudioConnection.h"
 #include "platform/Bundle.h"
 #include "platform/Environment.h"
@@ -66,6 +67,8 @@ public:
     // may hand over a live link.
     struct Setup {
         std::optional<std::filesystem::path> app;
+        // The build served (StudioLocation::studioIdentifier).
+        std::string bundleIdentifier = std::string(StudioLocation::releaseIdentifier);
         std::optional<std::string> catalog;
         std::filesystem::path workingDirectory;
         std::optional<std::string> home;
@@ -117,6 +120,7 @@ private:
 
     Strand strand_;
     const std::optional<std::filesystem::path> app_;
+    const std::string bundleIdentifier_;
     const std::optional<std::string> catalog_;
     const Output output_;
     const BridgeTiming timing_;

@@ -54,7 +54,7 @@ public:
         bundles.add(fakeStudio, release, "3.2.1");
         launcher.failure = platform::SystemError{ENOENT, "No such file or directory"};
         auto peer = std::make_shared<StudioPeer>(StudioPeer::Services{running, sockets, signing}, release);
-        StudioMCPBridge::Setup setup{std::move(app), std::move(catalog), std::move(workingDirectory), std::move(home),
+        StudioMCPBridge::Setup setup{std::move(app), release, std::move(catalog), std::move(workingDirectory), std::move(home),
                                      [this](std::string_view line) { written.emplace_back(line); }, timing, &bundles,
                                      StudioConnection::Services{notifications, running, launcher, random, peer, {},
                                                                 release, release + ".agent-link",
