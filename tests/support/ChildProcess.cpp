@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -26,11 +27,8 @@ using Clock = std::chrono::steady_clock;
 // a test gives a child by VSM_TEST_TIME_SCALE, so that a slow answer is not
 // mistaken for none.
 Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
-    static const long factor = [] {
-        const char* value = std::getenv("VSM_TEST_TIME_SCALE");
-        long parsed = value ? std::strtol(value, nullptr, 10) : 1;
-        return parsed > 1 ? parsed : 1L;
-    }();
+    static const char* scale = std::getenv("VSM_TEST_TIME_SCALE");
+    static const long factor = std::max(1L, scale ? std::strtol(scale, nullptr, 10) : 1L);
     return Clock::now() + timeout * factor;
 }
 
@@ -42,10 +40,8 @@ Clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
 
 Environment currentEnvironment() {
     Environment env;
-    for (char** e = environ; *e; ++e) {
-        std::string entry = *e;
-        if (auto eq = entry.find('='); eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
-    }
+    for (char** e = environ; *e; ++e)
+        if (const char* eq = std::strchr(*e, '=')) env[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
     return env;
 }
 

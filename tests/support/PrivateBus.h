@@ -4,7 +4,6 @@
 #pragma once
 #include <signal.h>
 
-#include <memory>
 #include <stdexcept>
 #include <string>
 

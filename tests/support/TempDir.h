@@ -6,12 +6,19 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace testsupport {
+
+// Writes a whole file, creating its parent folders.
+inline std::filesystem::path writeFile(const std::filesystem::path& target, const std::string& contents) {
+    std::filesystem::create_directories(target.parent_path());
+    if (!(std::ofstream(target, std::ios::binary | std::ios::trunc) << contents)) throw std::runtime_error("could not write " + target.string());
+    return target;
+}
 
 class TempDir {
 public:
@@ -30,14 +37,8 @@ public:
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
-    // Writes a whole file, creating its parent folders.
     std::filesystem::path write(const std::string& relative, const std::string& contents) const {
-        auto target = path_ / relative;
-        std::filesystem::create_directories(target.parent_path());
-        std::ofstream out(target, std::ios::binary | std::ios::trunc);
-        out << contents;
-        if (!out) throw std::runtime_error("could not write " + target.string());
-        return target;
+        return writeFile(path_ / relative, contents);
     }
 
 private:
@@ -46,9 +47,7 @@ private:
 
 inline std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // The names in a folder, sorted.

@@ -1,18 +1,13 @@
-// A scripted model on 127.0.0.1 for the end-to-end agent tests. It speaks one
-// agent's wire format (Anthropic Messages, OpenAI Responses or OpenAI chat
-// completions, all streamed) and plays a fixed list of Studio tool calls,
-// using the names the agent itself offers in the request's tools array. When
-// a Studio tool is not offered but a tool search is (agents that defer MCP
-// tools), it first loads the Studio tools through that search, as a real
-// model does. Every Studio result it receives is appended to the transcript
-// (JSON lines) for the test to judge; the model itself judges nothing.
-//
+// A scripted model on 127.0.0.1 for the end-to-end agent tests:
 //   node fake_model.mjs <anthropic|responses|chat> <script.json> <transcript.jsonl>
-//
-// The script is {"steps": [{"tool": "...", "arguments": {...}, "fixTypo": true, "until": "..."}, ...]}.
-// "fixTypo": when the result names a parameter with a "did you mean", the
-// same call is made again with the suggested name, before the next step.
-// "until": the call is repeated (up to 30 times) until its result holds this text.
+// It speaks one agent's wire format (Anthropic Messages, OpenAI Responses or
+// chat completions, all streamed) and plays the script's Studio tool calls,
+// {"steps": [{"tool", "arguments", "fixTypo", "until"}, ...]}, by the names the
+// agent offers; deferred tools it loads first through the agent's tool search,
+// as a real model does. "fixTypo": a result that suggests a parameter name
+// ("did you mean") gets the same call again with it; "until": the call is
+// repeated (up to 30 times) until its result holds this text. Every result is
+// appended to the transcript for the test to judge; the model judges nothing.
 // Prints "listening <port>" once it accepts connections.
 import fs from 'node:fs';
 import http from 'node:http';
@@ -39,7 +34,7 @@ const blocks = (body) => (body.messages ?? []).flatMap((m) => (Array.isArray(m.c
 // The results of tool calls found in the conversation, in order.
 function results(body) {
   if (dialect === 'anthropic')
-    return blocks(body).filter((c) => c.type === 'tool_result').map((c) => ({ id: c.tool_use_id, text: text(c.content), isError: !!c.is_error }));
+    return blocks(body).filter((c) => c.type === 'tool_result').map((c) => ({ id: c.tool_use_id, text: text(c.content) }));
   if (dialect === 'responses')
     return (body.input ?? []).filter((i) => i.type === 'function_call_output').map((i) => ({ id: i.call_id, text: text(i.output) }));
   return (body.messages ?? []).filter((m) => m.role === 'tool').map((m) => ({ id: m.tool_call_id, text: text(m.content) }));
@@ -69,7 +64,7 @@ function decide(body) {
     if (!call) continue;
     if (!recorded.has(r.id)) {
       recorded.add(r.id);
-      note({ step: call.step, tool: call.tool, name: call.name, arguments: call.arguments, result: r.text || loaded(body).join(','), isError: r.isError ?? null });
+      note({ step: call.step, tool: call.tool, name: call.name, arguments: call.arguments, result: r.text || loaded(body).join(',') });
     }
     if (call.step === undefined) continue;
     made[call.step] = (made[call.step] ?? 0) + 1;
@@ -87,11 +82,10 @@ function decide(body) {
   const step = steps[position];
   const name = offeredName(names, step.tool);
   if (name) return { call: { step: position, tool: step.tool, name, arguments: step.arguments ?? {} } };
-  // Deferred tools appear by name in the tools array or in what the agent wrote.
   const search = names.find((n) => /tool_?search/i.test(n));
-  const everything = JSON.stringify([body.system, body.instructions, body.messages, body.input]);
-  const named = [...toolNames(body, true), ...(everything.match(/mcp__vantoric-studio__[A-Za-z0-9_]+/g) ?? [])];
-  const deferred = [...new Set(named.filter((n) => n.startsWith('mcp__vantoric-studio__')))];
+  // Deferred tools are named in the tools array, or only in what the agent wrote.
+  const written = JSON.stringify([body.system, body.messages]).match(/mcp__vantoric-studio__\w+/g) ?? [];
+  const deferred = [...new Set([...toolNames(body, true), ...written].filter((n) => n.startsWith('mcp__vantoric-studio__')))];
   if (search && deferred.length && !searched) {
     searched = true;
     return { call: { tool: 'tool search', name: search, arguments: { query: 'select:' + deferred.join(','), max_results: deferred.length } } };
@@ -152,11 +146,8 @@ const server = http.createServer((req, res) => {
   req.on('end', () => {
     const body = raw ? JSON.parse(raw) : {};
     note({ request: req.method + ' ' + req.url, model: body.model ?? null, tools: toolNames(body), deferred: toolNames(body, true) });
-    const json = (status, text) => res.writeHead(status, { 'content-type': 'application/json' }).end(text);
     if (req.method === 'POST' && /\/(messages|responses|chat\/completions)$/.test(req.url.split('?')[0])) return answer(body, res);
-    if (req.url.includes('count_tokens')) return json(200, '{"input_tokens":10}');
-    if (req.url.endsWith('/models')) return json(200, '{"object":"list","data":[{"id":"fake-model","object":"model"}]}');
-    json(404, '{"error":{"message":"not here"}}');
+    res.writeHead(404, { 'content-type': 'application/json' }).end('{"error":{"message":"not here"}}');
   });
 });
 server.listen(0, '127.0.0.1', () => console.log(`listening ${server.address().port}`));

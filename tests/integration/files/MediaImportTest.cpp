@@ -111,9 +111,11 @@ TEST(AgentPaths, NoRegularFileIsRefusedWithoutHoldingAnythingUpAndAFolderInAnoth
 
 // Studio's own folders open at once; any other is handed to Studio on the
 // bus once, and Studio asked again to wait for it; a file is refused here,
-// and a number is Studio's to judge.
-TEST(AgentPaths, ProjectsOpenInStudioOrAreHandedOverOnTheBus) {
-    BridgeSession session;
+// and a number is Studio's to judge. A client that gives up on quiet calls
+// (OpenCode after a minute) hears at every interval that a long one still
+// waits on Studio, if it asked for progress.
+TEST(AgentPaths, ProjectsOpenInStudioOrAreHandedOverOnTheBusAndALongWaitIsTold) {
+    BridgeSession session({{"STUDIO_SIM_SLOW_TOOL", "studio_status"}, {"STUDIO_SIM_SLOW_TOOL_MS", "1500"}, {"VSM_TEST_PROGRESS_MS", "200"}});
     session.start();
     session.call(1, "project", {{"action", "close"}});
     auto own = session.call(2, "project", {{"action", "open"}, {"path", "Projects/Trip.vantoric"}});
@@ -141,21 +143,16 @@ TEST(AgentPaths, ProjectsOpenInStudioOrAreHandedOverOnTheBus) {
     EXPECT_EQ(asked[5], json({{"action", "open"}, {"path", folder.string()}, {"await_open", true}}));
     EXPECT_TRUE(session.bridge().waitForStderr("vantoric-studio-mcp: " + folder.string() +
                                                " is outside Studio's sandbox; opening it with Studio through Launch Services\n"));
-}
 
-// A client that gives up on quiet calls (OpenCode after a minute) must hear
-// that a long one still waits on Studio; one that did not ask hears nothing.
-TEST(ReportingProgress, ALongWaitOnStudioIsToldAtEveryIntervalToACallWithAToken) {
-    BridgeSession session({{"STUDIO_SIM_SLOW_TOOL", "studio_status"}, {"STUDIO_SIM_SLOW_TOOL_MS", "1500"}, {"VSM_TEST_PROGRESS_MS", "200"}});
-    session.start(false);
-    session.send(toolCall(1, "studio_status", json::object(), {{"progressToken", "s"}}));
-    ASSERT_TRUE(session.reply(1, 30s));
+    EXPECT_TRUE(session.takeNotifications().empty());
+    session.send(toolCall(6, "studio_status", json::object(), {{"progressToken", "s"}}));
+    ASSERT_TRUE(session.reply(6, 30s));
     auto told = session.takeNotifications();
     ASSERT_GE(told.size(), 3u);
     for (size_t i = 0; i < told.size(); ++i) {
         EXPECT_EQ(told[i]["params"]["message"], "Waiting for Vantoric Studio to carry out studio_status.");
         if (i > 0) { EXPECT_GT(told[i]["params"]["progress"], told[i - 1]["params"]["progress"]); }
     }
-    session.call(2, "studio_status");
+    session.call(7, "studio_status");
     EXPECT_TRUE(session.takeNotifications().empty());
 }

@@ -9,31 +9,23 @@ class OfficialSdkClient : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(OfficialSdkClient, WholeSessionWithProgressAndACancelledCall) {
     const std::string mode = GetParam();
-    BridgeSession session({{"STUDIO_SIM_EXPORT_SECONDS", "1"},
-                           {"STUDIO_SIM_MAX_WAIT", "0.2"},
-                           {"STUDIO_SIM_SLOW_TOOL", "timeline"},
-                           {"STUDIO_SIM_SLOW_TOOL_MS", "1500"}});
+    BridgeSession session({{"STUDIO_SIM_EXPORT_SECONDS", "1"}, {"STUDIO_SIM_MAX_WAIT", "0.2"},
+                           {"STUDIO_SIM_SLOW_TOOL", "timeline"}, {"STUDIO_SIM_SLOW_TOOL_MS", "1500"}});
     session.startStudio();
-    ChildProcess node({{"node", std::string(VSM_SOURCE_DIR) + "/tests/integration/server/sdk_client.mjs",
-                        bridgeBinary().string(), VSM_NPM_DIR, mode},
-                       session.environment(),
-                       session.home()});
+    ChildProcess node({{"node", VSM_SOURCE_DIR "/tests/integration/server/sdk_client.mjs", bridgeBinary().string(), VSM_NPM_DIR, mode},
+                       session.environment(), session.home()});
     std::string text = node.readRest(90s);
     ASSERT_EQ(node.wait(), 0) << text << node.stderrText();
     json out = json::parse(text, nullptr, false);
     ASSERT_TRUE(out.is_object()) << text << node.stderrText();
     const json catalog = json::parse(readFile(bundle() / "Contents/Resources/AgentLink/studio-agent-mcp.json"));
 
-    if (mode == "v1") {
-        EXPECT_EQ(out["era"], "handshake");
-    } else {
-        EXPECT_EQ(out["era"], "modern");
+    EXPECT_EQ(out["era"], mode == "v1" ? "handshake" : "modern");
+    if (mode != "v1") {
         EXPECT_EQ(out["version"], "2026-07-28");
         EXPECT_EQ(out["discover"]["supportedVersions"],
                   json::parse(R"(["2026-07-28","2025-11-25","2025-06-18","2025-03-26","2024-11-05"])"));
-        // Every request carried the stateless envelope, and every result on
-        // the wire was framed for it.
-        EXPECT_EQ(out["sentMeta"]["io.modelcontextprotocol/protocolVersion"], "2026-07-28");
+        // Every result on the wire was framed for the stateless revision.
         ASSERT_FALSE(out["rawResults"].empty());
         for (const auto& result : out["rawResults"]) EXPECT_EQ(result["resultType"], "complete") << result.dump();
     }
@@ -45,31 +37,23 @@ TEST_P(OfficialSdkClient, WholeSessionWithProgressAndACancelledCall) {
     EXPECT_EQ(out["prompt"]["messages"][0]["content"]["text"],
               "Make a rough cut from the clips in /media/clips. Keep it about 60 seconds long with a lively feel: import "
               "the clips, order them on the timeline, then export to rough-cut.mp4 in the working folder.");
-    EXPECT_EQ(out["refused"]["content"][0]["text"],
-              R"(export_video has no parameter "pathh" (did you mean "path"?). Nothing was done.)");
+    EXPECT_EQ(out["refused"]["content"][0]["text"], R"(export_video has no parameter "pathh" (did you mean "path"?). Nothing was done.)");
     EXPECT_EQ(out["project"]["isError"], false) << out["project"].dump();
-
     // The export went through Studio and told its phases on the way (the
     // client may hand the last one out after the result, so the wire says
     // which were sent).
     EXPECT_EQ(out["exported"]["isError"], false) << out["exported"].dump();
-    EXPECT_FALSE(out["progress"].empty()) << out.dump();
     ASSERT_GE(out["progressOnWire"].size(), 2u) << out.dump();
     EXPECT_EQ(out["progressOnWire"].front()["message"], "Export queued");
     EXPECT_EQ(out["progressOnWire"].back()["message"], "Export completed");
-
     // The cancelled call: the agent said so, and the bridge never answered
     // it, although Studio finished it meanwhile.
-    EXPECT_NE(out["cancelled"], "answered");
-    ASSERT_FALSE(out["cancelNotice"].is_null());
-    EXPECT_EQ(out["cancelNotice"]["params"]["requestId"], out["cancelledId"]);
+    EXPECT_EQ(out["cancelNotice"], out["cancelledId"]) << out.dump();
     EXPECT_EQ(out["repliesToCancelled"], 0);
     EXPECT_EQ(out["after"]["isError"], false) << out["after"].dump();
-
-    // Studio was asked on behalf of the agent that made the call.
-    auto asked = session.studioEvents("ask");
-    ASSERT_FALSE(asked.empty());
-    EXPECT_EQ(asked.front()["client"], "SDK Interop");
+    // Studio was asked on behalf of the agent that made the calls.
+    EXPECT_EQ(session.studioEvents("ask").at(0)["client"], "SDK Interop");
 }
 
-INSTANTIATE_TEST_SUITE_P(Clients, OfficialSdkClient, ::testing::Values("v1", "pin", "auto"));
+INSTANTIATE_TEST_SUITE_P(Clients, OfficialSdkClient, ::testing::Values("v1", "pin", "auto"),
+                         [](const auto& info) { return info.param; });
