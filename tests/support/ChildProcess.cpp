@@ -66,10 +66,8 @@ ChildProcess::ChildProcess(Options options) {
     envp.push_back(nullptr);
     int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    close(input[0]);
-    close(output[1]);
-    in_ = input[1];
-    out_ = output[0];
+    close(input[0]), close(output[1]);
+    in_ = input[1], out_ = output[0];
     if (rc != 0) {
         for (int fd : {in_, out_, err_}) close(fd);
         fail("spawn " + options.argv[0], rc);
@@ -113,20 +111,15 @@ bool ChildProcess::readMore(Clock::time_point deadline) {
 }
 
 std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
-    auto deadline = deadlineAfter(timeout);
-    for (;;) {
-        if (auto nl = outBuffer_.find('\n'); nl != std::string::npos) {
-            std::string line = outBuffer_.substr(0, nl);
-            outBuffer_.erase(0, nl + 1);
-            return line;
-        }
+    for (auto deadline = deadlineAfter(timeout); outBuffer_.find('\n') == std::string::npos;)
         if (!readMore(deadline)) return std::nullopt;
-    }
+    std::string line = outBuffer_.substr(0, outBuffer_.find('\n'));
+    outBuffer_.erase(0, line.size() + 1);
+    return line;
 }
 
 std::string ChildProcess::readRest(std::chrono::milliseconds timeout) {
-    for (auto deadline = deadlineAfter(timeout); readMore(deadline);) {
-    }
+    for (auto deadline = deadlineAfter(timeout); readMore(deadline);) continue;
     return std::exchange(outBuffer_, {});
 }
 

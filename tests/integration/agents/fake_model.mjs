@@ -1,14 +1,12 @@
-// A scripted model on 127.0.0.1 for the end-to-end agent tests:
 //   node fake_model.mjs <anthropic|responses|chat> <script.json> <transcript.jsonl>
-// It speaks one agent's wire format (Anthropic Messages, OpenAI Responses or
-// chat completions, all streamed) and plays the script's Studio tool calls,
-// {"steps": [{"tool", "arguments", "fixTypo", "until"}, ...]}, by the names the
-// agent offers; deferred tools it loads first through the agent's tool search,
-// as a real model does. "fixTypo": a result that suggests a parameter name
-// ("did you mean") gets the same call again with it; "until": the call is
-// repeated (up to 30 times) until its result holds this text. Every result is
-// appended to the transcript for the test to judge; the model judges nothing.
-// Prints "listening <port>" once it accepts connections.
+// A scripted model on 127.0.0.1 speaking one agent's wire format (Anthropic
+// Messages, OpenAI Responses or chat completions, all streamed). It plays the
+// script, {"steps": [{"tool", "arguments", "fixTypo", "until"}, ...]}, by the
+// tool names the agent offers, loading deferred tools first through the
+// agent's tool search as a real model does. "fixTypo": a result suggesting a
+// parameter name ("did you mean") gets the call again with it; "until": the
+// call is repeated (at most 30 times) until its result holds this text. Every
+// result goes to the transcript for the test to judge. Prints "listening <port>".
 import fs from 'node:fs';
 import http from 'node:http';
 
@@ -21,9 +19,8 @@ let finished = false;
 let searched = false; // the Studio tools were asked for through the agent's tool search
 const note = (entry) => fs.appendFileSync(transcriptFile, JSON.stringify(entry) + '\n');
 
-// Tools sent with their schema; a tool marked for deferred loading is known
-// by name only until the tool search has loaded it. A Responses namespace's
-// functions are named "<namespace>::<function>".
+// Tools offered (deferred: known by name only until the tool search loads
+// them); a Responses namespace's functions are named "<namespace>::<function>".
 const toolNames = (body, deferred = false) => (body.tools ?? [])
   .filter((t) => !!t.defer_loading === deferred)
   .flatMap((t) => (t.type === 'namespace' ? (t.tools ?? []).map((f) => `${t.name}::${f.name}`) : [t.name ?? t.function?.name]))

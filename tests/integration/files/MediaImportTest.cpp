@@ -1,7 +1,6 @@
 // The agent's paths end to end: files uploaded and Studio handed the uploads
-// instead, paths that name no regular file, a working folder that is not
-// UTF-8, project folders opened by Studio or handed over on the bus, and the
-// progress an agent hears meanwhile.
+// instead, paths that name no regular file or are not UTF-8, project folders
+// opened by Studio or handed over on the bus, and the progress meanwhile.
 #include <sys/stat.h>
 
 #include "integration/server/BridgeSession.h"
@@ -18,13 +17,12 @@ TEST(AgentPaths, FilesAreUploadedAndStudioSeesOnlyTheUploads) {
     auto result = session.call(1, "import_media", {{"paths", {"media/clip.mov", "~/Movies/trip.mov", (work / "media/../other/./take.mov").string()}},
                                                    {"add_to_timeline", false}});
     EXPECT_EQ(BridgeSession::payload(result)["addedToTimeline"], false) << result.dump();
-    std::vector<std::pair<std::string, int>> uploaded;
-    json uploads = json::array();
+    json uploads = json::array(), sizes = json::array();
     for (auto& event : session.studioEvents("upload")) {
-        uploaded.emplace_back(event["name"], event["bytes"]);
         uploads.push_back({{"uploadId", event["uploadId"]}, {"name", event["name"]}});
+        sizes.push_back({event["name"], event["bytes"]});
     }
-    EXPECT_EQ(uploaded, (std::vector<std::pair<std::string, int>>{{"clip.mov", 8}, {"trip.mov", 18}, {"take.mov", 6}}));
+    EXPECT_EQ(sizes, json::parse(R"([["clip.mov",8],["trip.mov",18],["take.mov",6]])"));
     EXPECT_EQ(session.forwarded("import_media"), std::vector<json>{json({{"uploads", uploads}, {"add_to_timeline", false}})});
 
     // Every path is checked before anything is uploaded, and up to twenty at once.
@@ -36,8 +34,7 @@ TEST(AgentPaths, FilesAreUploadedAndStudioSeesOnlyTheUploads) {
     EXPECT_EQ(session.studioEvents("upload").size(), 3u);
     many.erase(many.size() - 1);
     auto twenty = BridgeSession::payload(session.call(4, "import_media", {{"paths", many}}))["imported"];
-    ASSERT_EQ(twenty.size(), 20u);
-    EXPECT_EQ(twenty[19], json::parse(R"({"id":"m23","name":"19.mov","kind":"video","bytes":119,"duration":10.0})"));
+    EXPECT_EQ(twenty.back(), json::parse(R"({"id":"m23","name":"19.mov","kind":"video","bytes":119,"duration":10.0})")) << twenty.size();
     EXPECT_EQ(session.forwarded("import_media").size(), 2u);
 
     // A series import sends the upload in place of the path, and nothing else of "from".
@@ -87,9 +84,7 @@ TEST(AgentPaths, NoRegularFileIsRefusedWithoutHoldingAnythingUpAndAFolderInAnoth
         session.send(toolCall(id, "import_media", {{"paths", {path}}}));
         session.send(request("ping", "ping"));
         EXPECT_TRUE(session.reply("ping", 5s)) << path;
-        auto refused = session.reply(id++, 5s);
-        ASSERT_TRUE(refused) << path;
-        EXPECT_EQ(BridgeSession::text((*refused)["result"]), message);
+        EXPECT_EQ(BridgeSession::text(session.reply(id++, 5s).value_or(json::object())["result"]), message) << path;
     }
     auto series = session.call(9, "series", {{"operation", "seriesMediaImport"}, {"params", {{"seriesId", "s"}, {"from", {{"path", "pipe.mov"}}}}}});
     EXPECT_EQ(BridgeSession::text(series), cases[0].second);

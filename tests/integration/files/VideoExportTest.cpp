@@ -1,10 +1,9 @@
-// Exports end to end: Studio renders, the bridge waits and copies the video
-// to the agent's path, or says where it will be saved; the copy survives an
-// agent that gives up on it, and a bridge that is stopped leaves no part of
-// it behind.
+// Exports end to end: the copy to the agent's path survives whatever comes in
+// its way, and a bridge that is stopped leaves no part of it behind.
 #include <signal.h>
 
 #include <cstring>
+#include <functional>
 #include <thread>
 
 #include "integration/server/BridgeSession.h"
@@ -16,10 +15,9 @@ namespace {
 // Download requests as Studio logged them on arrival (the outcome of a
 // download is logged only once Studio has finished sending).
 size_t downloadRequests(const BridgeSession& session) {
-    size_t count = 0;
-    for (auto& event : session.studioEvents("http"))
-        count += event["method"] == "GET" && event["target"].get<std::string>().starts_with("/downloads/");
-    return count;
+    return std::ranges::count_if(session.studioEvents("http"), [](const json& event) {
+        return event["method"] == "GET" && event["target"].get<std::string>().starts_with("/downloads/");
+    });
 }
 
 // The partial downloads named after `file` anywhere below the working folder.
@@ -30,8 +28,7 @@ std::vector<fs::path> partials(const BridgeSession& session, const std::string& 
     return found;
 }
 
-template <class Condition>
-bool eventually(Condition condition) {
+bool eventually(const std::function<bool()>& condition) {
     for (auto deadline = std::chrono::steady_clock::now() + 20s; !condition(); std::this_thread::sleep_for(2ms))
         if (std::chrono::steady_clock::now() > deadline) return false;
     return true;

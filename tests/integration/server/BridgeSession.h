@@ -1,10 +1,8 @@
 // An agent's session with the real bridge binary, beside a private session
-// bus and the Studio simulator's bundle (LinkSession). The agent has a home
-// folder of its own ("~"), so that no installed application is found by
-// accident; the bridge works in the session's folder, which is also Studio's
-// home, so Studio's Projects folder is "Projects" from there. Besides the
-// bridge past its handshake (startBridge), a test may launch one it speaks
-// to byte by byte.
+// bus and the Studio simulator's bundle (LinkSession): the bridge past its
+// handshake (startBridge), or one a test speaks to byte by byte (launch). The
+// agent's home ("~") is its own, so that no installed application is found by
+// accident; the bridge works in Studio's home, where Projects/ lies.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -24,13 +22,6 @@ inline json toolCall(const json& id, const std::string& tool, const json& argume
     json params = {{"name", tool}, {"arguments", arguments}};
     if (!meta.is_null()) params["_meta"] = meta;
     return request(id, "tools/call", params);
-}
-
-// Messages as the bridge reads them: one line each.
-inline std::string lines(std::initializer_list<json> messages) {
-    std::string text;
-    for (const auto& message : messages) text += message.dump() + "\n";
-    return text;
 }
 
 class BridgeSession : public LinkSession {

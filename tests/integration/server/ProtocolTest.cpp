@@ -5,19 +5,19 @@
 using namespace testsupport;
 
 // Without a Studio the bridge says so once, at start, and answers all the
-// same; calls that need one fail alike in both eras. (Which Studio it serves,
-// and from where, is the link's to find: every other test runs a bridge
-// that found one.)
+// same; calls that need one fail alike in both eras. (Finding Studio is the
+// link's part: every other test runs a bridge that found one.)
 TEST(BothEras, OneProcessServesAHandshakeClientAndStatelessRequestsEvenWithoutAStudio) {
     BridgeSession session;
     session.environment().erase("VANTORIC_STUDIO_APP");
     ChildProcess& bridge = session.launch();
     const json meta = {{"io.modelcontextprotocol/protocolVersion", "2026-07-28"},
                        {"io.modelcontextprotocol/clientCapabilities", json::object()}};
-    bridge.write(lines({request(1, "initialize", {{"protocolVersion", "2099-01-01"}, {"clientInfo", {{"name", "codex"}}}}),
-                        request("d", "server/discover", {{"_meta", meta}}), request(2, "tools/list", {{"_meta", meta}}),
-                        request(3, "ping"), request(4, "ping", {{"_meta", meta}}), request(5, "tools/list"),
-                        toolCall(6, "timeline", {{"action", "list"}}), toolCall(7, "timeline", {{"action", "list"}}, meta)}));
+    for (const json& message : {request(1, "initialize", {{"protocolVersion", "2099-01-01"}, {"clientInfo", {{"name", "codex"}}}}),
+                                request("d", "server/discover", {{"_meta", meta}}), request(2, "tools/list", {{"_meta", meta}}),
+                                request(3, "ping"), request(4, "ping", {{"_meta", meta}}), request(5, "tools/list"),
+                                toolCall(6, "timeline", {{"action", "list"}}), toolCall(7, "timeline", {{"action", "list"}}, meta)})
+        bridge.write(message.dump() + "\n");
     std::map<std::string, json> got;  // by the text of the id: replies leave in completion order
     for (int i = 0; i < 8; ++i) {
         auto reply = json::parse(bridge.readLine().value_or("{}"));
@@ -28,8 +28,7 @@ TEST(BothEras, OneProcessServesAHandshakeClientAndStatelessRequestsEvenWithoutAS
     EXPECT_EQ(got["1"]["result"]["serverInfo"], json::parse(R"({"name":"vantoric-studio","title":"Vantoric Studio","version":"0"})"));
     EXPECT_EQ(got["1"]["result"]["instructions"], "Vantoric Studio could not be found on this Mac. Install it from "
                                                   "vantoric.studio, then restart this MCP server.");
-    EXPECT_EQ(got["\"d\""]["result"]["supportedVersions"],
-              json::parse(R"(["2026-07-28","2025-11-25","2025-06-18","2025-03-26","2024-11-05"])"));
+    EXPECT_EQ(got["\"d\""]["result"]["supportedVersions"][0], "2026-07-28");
     EXPECT_EQ(got["\"d\""]["result"]["_meta"]["io.modelcontextprotocol/serverInfo"]["version"], "0");
     EXPECT_EQ(got["2"]["result"]["resultType"], "complete");
     EXPECT_EQ(got["2"]["result"]["tools"], got["5"]["result"]["tools"]);
@@ -48,8 +47,6 @@ TEST(BothEras, OneProcessServesAHandshakeClientAndStatelessRequestsEvenWithoutAS
 TEST(ModeSelection, AnyArgumentRunsTheInstallerNotTheServer) {
     BridgeSession session;
     ChildProcess& bridge = session.launch({bridgeBinary().string(), "frobnicate"});
-    auto status = bridge.wait();
-    ASSERT_TRUE(status);
-    EXPECT_NE(*status, 0);
+    EXPECT_NE(bridge.wait().value_or(0), 0);  // the usage, and no server waiting
     EXPECT_EQ(bridge.readRest().find("jsonrpc"), std::string::npos);
 }

@@ -1,12 +1,9 @@
 // An agent built on an official MCP TypeScript SDK client: it launches the
-// bridge as a stdio server, goes through a session with Studio (lists, a
-// prompt, a refused call, an export with progress, a call it cancels) and
-// prints what it got, and what the wire carried, as one JSON line.
-// Arguments: bridge binary, npm folder of the build tree (where the test
-// set-up installed the SDKs), and the client: "v1" (the handshake client of
-// @modelcontextprotocol/sdk), or the v2 client pinned to the stateless
-// revision ("pin") or probing for it ("auto"). The environment (session bus,
-// Studio bundle) is passed on to the bridge.
+// bridge (passing on its own environment), goes through a session with Studio
+// and prints what it got, and what the wire carried, as one JSON line.
+//   node sdk_client.mjs <bridge> <npm folder of the build tree> <v1|pin|auto>
+// v1: the handshake client of @modelcontextprotocol/sdk; pin, auto: the v2
+// client pinned to the stateless revision, or probing for it.
 import { pathToFileURL } from 'node:url';
 import path from 'node:path';
 
@@ -17,10 +14,8 @@ const { Client } = await load(v1 ? 'sdk/dist/esm/client/index.js' : 'client/dist
 const { StdioClientTransport } = await load(v1 ? 'sdk/dist/esm/client/stdio.js' : 'client/dist/stdio.mjs');
 
 const transport = new StdioClientTransport({ command: bridge, args: [], env: { ...process.env }, stderr: 'pipe' });
-const client = new Client(
-  { name: 'sdk-interop', title: 'SDK Interop', version: '1.0.0' },
-  v1 ? {} : { versionNegotiation: { mode: mode === 'pin' ? { pin: '2026-07-28' } : 'auto' } },
-);
+const client = new Client({ name: 'sdk-interop', title: 'SDK Interop', version: '1.0.0' },
+  v1 ? {} : { versionNegotiation: { mode: mode === 'pin' ? { pin: '2026-07-28' } : 'auto' } });
 await client.connect(transport);
 // v1 takes a result schema before the options.
 const callTool = (params, options) => (v1 ? client.callTool(params, undefined, options) : client.callTool(params, options));
