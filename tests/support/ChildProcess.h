@@ -52,8 +52,7 @@ public:
     bool waitForStderr(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
 private:
-    // One read of standard output into the buffer; false once nothing more
-    // can come before the deadline.
+    // One read of standard output; false once nothing more can come in time.
     bool readMore(std::chrono::steady_clock::time_point deadline);
 
     pid_t pid_ = -1;

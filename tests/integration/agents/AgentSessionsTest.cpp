@@ -42,10 +42,9 @@ std::optional<std::string> isolateNetwork() {
     return up ? std::nullopt : std::optional("bringing up loopback: " + error);
 }
 
-// One Studio call of the session: the model makes it, and its (last) result
-// must hold `expect`; with `poll`, the model repeats it until it does. `typo`
-// names the suggestion for a misspelled parameter: the first result must
-// offer it, and the model retries with it.
+// One Studio call: its (last) result must hold `expect`, and with `poll` the
+// model repeats it until it does. `typo`: the name the first result must
+// suggest for a misspelled parameter, which the model then retries with.
 struct Step {
     std::string tool, arguments, expect, typo = "";
     bool poll = false;
@@ -93,8 +92,8 @@ TEST_P(AgentSessions, StatusProjectImportALongExportAndAMisspelledParameter) {
 
     json script = json::array();
     for (const auto& step : steps)
-        script.push_back({{"tool", step.tool}, {"arguments", json::parse(step.arguments)},
-                          {"fixTypo", !step.typo.empty()}, {"until", step.poll ? step.expect : ""}});
+        script.push_back(json{{"tool", step.tool}, {"arguments", json::parse(step.arguments)},
+                              {"fixTypo", !step.typo.empty()}, {"until", step.poll ? step.expect : ""}});
     writeFile(root / "script.json", json({{"steps", script}}).dump());
     ChildProcess model({{"node", VSM_SOURCE_DIR "/tests/integration/agents/fake_model.mjs", agent.dialect,
                          (root / "script.json").string(), (root / "transcript.jsonl").string()}, environment, root});

@@ -19,8 +19,8 @@ TEST(AgentPaths, FilesAreUploadedAndStudioSeesOnlyTheUploads) {
     EXPECT_EQ(BridgeSession::payload(result)["addedToTimeline"], false) << result.dump();
     json uploads = json::array(), sizes = json::array();
     for (auto& event : session.studioEvents("upload")) {
-        uploads.push_back({{"uploadId", event["uploadId"]}, {"name", event["name"]}});
-        sizes.push_back({event["name"], event["bytes"]});
+        uploads.push_back(json{{"uploadId", event["uploadId"]}, {"name", event["name"]}});
+        sizes.push_back(json{event["name"], event["bytes"]});
     }
     EXPECT_EQ(sizes, json::parse(R"([["clip.mov",8],["trip.mov",18],["take.mov",6]])"));
     EXPECT_EQ(session.forwarded("import_media"), std::vector<json>{json({{"uploads", uploads}, {"add_to_timeline", false}})});
@@ -65,10 +65,9 @@ TEST(AgentPaths, FilesAreUploadedAndStudioSeesOnlyTheUploads) {
 }
 
 // What is not a regular file is refused before any upload, and a named pipe
-// (whose opening would wait for a writer) holds nothing else up meanwhile. A
-// NUL inside a path once ended it early and uploaded the file before it. A
-// folder whose name is not UTF-8 (Latin-1, say) works, and what the agent
-// reads names it in a form it can be found by.
+// (whose opening would wait for a writer) holds nothing else up meanwhile; a
+// NUL once ended a path early. A folder named in Latin-1 works, and the agent
+// reads its name in a form it can be found by.
 TEST(AgentPaths, NoRegularFileIsRefusedWithoutHoldingAnythingUpAndAFolderInAnotherEncodingWorks) {
     BridgeSession session(BridgeSession::Settings{{"STUDIO_SIM_EXPORT_SECONDS", "0.1"}});
     session.start();
@@ -93,6 +92,8 @@ TEST(AgentPaths, NoRegularFileIsRefusedWithoutHoldingAnythingUpAndAFolderInAnoth
     fs::path folder = session.home() / "caf\xE9";
     writeFile(folder / "clip.mov", "clip");
     fs::create_directories(folder / "Trip.vantoric");
+    session.bridge().closeStdin();
+    ASSERT_EQ(session.bridge().wait(), 0);
     session.startBridge(folder);
     EXPECT_FALSE(BridgeSession::isError(session.call(1, "import_media", {{"paths", {"clip.mov"}}})));
     EXPECT_EQ(session.studioEvents("upload").at(0)["bytes"], 4);
@@ -105,10 +106,9 @@ TEST(AgentPaths, NoRegularFileIsRefusedWithoutHoldingAnythingUpAndAFolderInAnoth
 }
 
 // Studio's own folders open at once; any other is handed to Studio on the
-// bus once, and Studio asked again to wait for it; a file is refused here,
-// and a number is Studio's to judge. A client that gives up on quiet calls
-// (OpenCode after a minute) hears at every interval that a long one still
-// waits on Studio, if it asked for progress.
+// bus once and Studio asked again to wait for it; a file is refused, a number
+// is Studio's to judge. A client that gives up on quiet calls (OpenCode, after
+// a minute) hears at every interval that a long one still waits on Studio.
 TEST(AgentPaths, ProjectsOpenInStudioOrAreHandedOverOnTheBusAndALongWaitIsTold) {
     BridgeSession session({{"STUDIO_SIM_SLOW_TOOL", "studio_status"}, {"STUDIO_SIM_SLOW_TOOL_MS", "1500"}, {"VSM_TEST_PROGRESS_MS", "200"}});
     session.start();

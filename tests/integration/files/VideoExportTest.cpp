@@ -36,12 +36,11 @@ bool eventually(const std::function<bool()>& condition) {
 
 }  // namespace
 
-// An export that outlasts the start call is saved by a later status, and
-// nothing is lost to one bad moment: a copy that cannot be made (a folder in
-// the way) is reported and tried again by the next status, and a copy the
-// agent cuts off (OpenCode gives up on calls after a minute) is made by the
-// next; a status that comes while a copy runs waits for it rather than
-// starting another, and once saved nothing is copied again.
+// An export that outlasts the start call is saved by a later status, and no
+// bad moment loses it: a copy that cannot be made (a folder in the way), or
+// that the agent cuts off (OpenCode gives up on calls after a minute), is made
+// by the next status; a status that comes meanwhile waits for the running
+// copy rather than starting another, and once saved nothing is copied again.
 TEST(ExportingVideo, ALaterStatusSavesItWhateverCameInTheWayAndNeverTwice) {
     // Still queued when the start call stops waiting; 40 MB at 20 MB a second: two seconds of copying.
     BridgeSession session({{"STUDIO_SIM_EXPORT_SECONDS", "2"}, {"STUDIO_SIM_MAX_WAIT", "0.1"}, {"VSM_TEST_EXPORT_WAIT_MS", "300"},
