@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -167,6 +168,30 @@ TEST(ChildProcesses, OutputInArrivalOrderStatusArgumentsAndEnvironmentExactlyAsG
     EXPECT_EQ(failure(missing.failure), "Could not start /nothing-here: No such file or directory");
     EXPECT_EQ(failure(runner.run("/", {}, 10).failure), "Could not start /: Permission denied");
     EXPECT_TRUE(noZombies());
+}
+
+TEST(ChildProcesses, RunWithOurStandardStreamsClosedAndFailWhenNoDescriptorIsLeft) {
+    // A pipe end that lands on 0, 1 or 2 would be overwritten by the child's
+    // own standard streams.
+    int input = dup(0), output = dup(1);
+    close(0);
+    close(1);
+    auto fine = shell("echo fine");
+    dup2(input, 0);
+    dup2(output, 1);
+    close(input);
+    close(output);
+    EXPECT_EQ(fine.head, "fine\n");
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    rlimit tight = {64, limit.rlim_max};
+    std::vector<int> filling;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    for (int fd; (fd = dup(2)) >= 0;) filling.push_back(fd);
+    auto starved = shell("echo never");
+    for (int fd : filling) close(fd);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(failure(starved.failure), "Could not create a pipe for /bin/sh: Too many open files");
 }
 
 TEST(ChildProcesses, StartInTheTemporaryFolderNeverWhereTheUserStands) {
