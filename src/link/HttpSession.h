@@ -9,6 +9,9 @@
 // memory; a file that is sent is opened off the I/O thread, without
 // blocking, and only when it is a regular file.
 //
+// The exchanges run over the loopback network given at construction (TCP
+// unless told otherwise), so they can be tested over in-memory streams.
+//
 // Owned by the bridge and used only from its strand (the executor given at
 // construction); several exchanges may be in flight at once. Transport
 // failures are thrown as TransportError with a sentence for the agent, a
@@ -26,6 +29,7 @@
 #include <utility>
 #include <vector>
 
+#include "link/LoopbackNetwork.h"
 #include "peer/URL.h"
 
 struct HttpRequest {
@@ -55,7 +59,8 @@ public:
     static constexpr std::chrono::seconds defaultTimeout{600};
 
     explicit HttpSession(boost::asio::any_io_executor executor,
-                         std::chrono::steady_clock::duration timeout = defaultTimeout);
+                         std::chrono::steady_clock::duration timeout = defaultTimeout,
+                         std::shared_ptr<LoopbackNetwork> network = nullptr);
     ~HttpSession();
     HttpSession(const HttpSession&) = delete;
     HttpSession& operator=(const HttpSession&) = delete;
@@ -84,13 +89,6 @@ public:
     // it arrives. Returns the status either way; any other status leaves
     // the sink unopened and the body unread.
     boost::asio::awaitable<int> receiveFile(HttpRequest request, int wanted, FileSink& sink);
-
-    // Connections opened and reused so far, for tests and benchmarks.
-    struct Counters {
-        int opened = 0;
-        int reused = 0;
-    };
-    Counters counters() const;
 
 private:
     struct Pool;

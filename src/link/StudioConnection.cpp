@@ -78,7 +78,7 @@ StudioConnection::StudioConnection(asio::any_io_executor strand, asio::any_io_ex
       clientName_(std::move(clientName)),
       services_(std::move(services)),
       durations_(durations),
-      session_(std::make_unique<HttpSession>(strand_, durations.httpTimeout)),
+      session_(std::make_unique<HttpSession>(strand_, durations.httpTimeout, services_.network)),
       link_(std::move(link)) {
     if (!services_.verifyPeer) {
         services_.verifyPeer = [peer = services_.peer](const fs::path& app, uint16_t peerPort, uint16_t localPort,
@@ -275,7 +275,8 @@ asio::awaitable<Link> StudioConnection::establish() {
     }
     const fs::path app = *app_;
     std::string nonce = makeNonce();
-    auto listener = HandshakeListener::create(io_, nonce, services_.hello, app, services_.verifyPeer);
+    auto listener =
+        HandshakeListener::create(io_, nonce, services_.hello, app, services_.verifyPeer, services_.network);
     lifetimeListener_ = listener;
 
     auto announcing = std::make_shared<asio::cancellation_signal>();

@@ -39,6 +39,7 @@ class SecureRandom;
 }  // namespace platform
 class StudioPeer;
 class HttpSession;
+class LoopbackNetwork;
 
 // What `waiting(for:at:)` throws when the duration passes first.
 struct TimeoutError : std::exception {
@@ -74,6 +75,9 @@ public:
         std::string bundleIdentifier;
         std::string notificationName;
         std::string hello;
+        // What the hand-over and the HTTP exchanges run over: the system's
+        // TCP loopback when empty.
+        std::shared_ptr<LoopbackNetwork> network = nullptr;
 
         // The Linux services and this process's identity values.
         static Services system();
