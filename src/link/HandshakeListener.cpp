@@ -14,9 +14,10 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 
+#include <boost/system/system_error.hpp>
+
 #include "base/BridgeError.h"
 #include "link/ByteStream.h"
-#include "link/Cancellation.h"
 #include "link/LoopbackNetwork.h"
 #include "platform/Log.h"
 
@@ -25,6 +26,7 @@ using boost::system::error_code;
 
 namespace {
 
+[[noreturn]] void cancelled() { throw boost::system::system_error(asio::error::operation_aborted); }
 
 // Where connections are judged: reading /proc blocks, and must neither stall
 // the I/O thread nor wait behind a burst on it. Two threads, so that one slow
@@ -101,7 +103,7 @@ asio::awaitable<uint16_t> HandshakeListener::start() {
     auto self = shared_from_this();
     {
         std::lock_guard guard(lock_);
-        if (stopped_) cancellation::raise();
+        if (stopped_) cancelled();
     }
     // Not tied to the caller's cancellation: Asio's co_spawn forwards a
     // cancellation to a child that may have finished and been freed (seen as
@@ -113,7 +115,7 @@ asio::awaitable<uint16_t> HandshakeListener::start() {
     if (port == 0) throw BridgeError("Could not listen for Vantoric Studio.");
     {
         std::lock_guard guard(lock_);
-        if (stopped_) cancellation::raise();
+        if (stopped_) cancelled();
         port_ = port;
     }
     asio::post(network_->strand, [self] { self->acceptNext(); });
@@ -341,7 +343,7 @@ asio::awaitable<Json> HandshakeListener::reply(std::chrono::steady_clock::durati
             cancelWatchdog();
             if (ec == asio::error::eof)
                 throw BridgeError("Vantoric Studio did not answer. Open Studio, then call this tool again.");
-            cancellation::raise();
+            cancelled();
         }
         if (auto value = parseObject(line)) {
             cancelWatchdog();

@@ -11,6 +11,7 @@
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/system/system_error.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -18,7 +19,6 @@
 #include <optional>
 
 #include "link/BlockingWork.h"
-#include "link/Cancellation.h"
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -45,7 +45,7 @@ const boost::system::error_category& httpCategory() {
 
 // A sentence like the ones agents know from other HTTP clients.
 [[noreturn]] void throwTransport(error_code ec) {
-    if (ec == asio::error::operation_aborted) cancellation::raise();
+    if (ec == asio::error::operation_aborted) throw boost::system::system_error(ec);
     if (ec == beast::error::timeout) throw TransportError("The request to Vantoric Studio timed out.");
     if (ec == asio::error::connection_refused)
         throw TransportError("Could not connect to Vantoric Studio: the connection was refused.");
@@ -204,7 +204,7 @@ public:
         fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
         struct stat info {};
         if (fd_ < 0 || ::fstat(fd_, &info) != 0) fail(errno);
-        if (!S_ISREG(info.st_mode)) throw FileReadError("Cannot read " + path.string() + ".");
+        if (!S_ISREG(info.st_mode)) throw BridgeError("Cannot read " + path.string() + ".");
         size_ = static_cast<uint64_t>(info.st_size);
         ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
     }
@@ -232,10 +232,10 @@ public:
     }
 
     [[noreturn]] void fail(int error) const {
-        throw FileReadError("Could not read " + path_.string() + ": " + std::strerror(error) + ".");
+        throw BridgeError("Could not read " + path_.string() + ": " + std::strerror(error) + ".");
     }
     [[noreturn]] void shrank() const {
-        throw FileReadError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
+        throw BridgeError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
     }
 
 private:

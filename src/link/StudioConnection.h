@@ -41,12 +41,6 @@ class StudioPeer;
 class HttpSession;
 class LoopbackNetwork;
 
-// What `waiting(for:at:)` throws when the duration passes first.
-struct TimeoutError : std::exception {
-    const char* what() const noexcept override { return "timed out"; }
-};
-
-
 // The fixed durations of the link; tests shorten them, nothing else changes.
 struct LinkDurations {
     std::chrono::steady_clock::duration linkWait = std::chrono::seconds(45);
@@ -117,10 +111,10 @@ public:
     // the link dropped, the pending establishment cancelled.
     void stop();
 
-    // The task's link or error, or TimeoutError when `duration` passes first;
-    // the task goes on either way. Cancelling the wait cancels only the wait.
-    static boost::asio::awaitable<Link> waiting(std::shared_ptr<PendingLink> task,
-                                                std::chrono::steady_clock::duration duration);
+    // The task's link or error, or nothing when `duration` passes first; the
+    // task goes on either way. Cancelling the wait cancels only the wait.
+    static boost::asio::awaitable<std::optional<Link>> waiting(std::shared_ptr<PendingLink> task,
+                                                               std::chrono::steady_clock::duration duration);
 
     int64_t nextId() const { return nextId_; }
     bool stopped() const { return stopped_; }

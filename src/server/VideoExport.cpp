@@ -12,9 +12,10 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/system/system_error.hpp>
 
 #include "base/BridgeError.h"
-#include "link/Cancellation.h"
+#include "link/HttpSession.h"
 
 #include "server/PathResolution.h"
 #include "server/StudioMCPBridge.h"
@@ -160,7 +161,7 @@ StudioMCPBridge::Task<std::optional<fs::path>> StudioMCPBridge::copyExport(std::
         co_await timer->async_wait(boost::asio::as_tuple(boost::asio::use_awaitable_t<Executor>{}));
         if (!copy->finished) {
             if ((co_await boost::asio::this_coro::cancellation_state).cancelled() != boost::asio::cancellation_type::none)
-                cancellation::raise();
+                throw boost::system::system_error(boost::asio::error::operation_aborted);
             co_return std::nullopt;  // still copying: the payload says so
         }
         if (copy->failure) throw BridgeError(*copy->failure);
@@ -185,6 +186,10 @@ StudioMCPBridge::Task<std::optional<fs::path>> StudioMCPBridge::copyExport(std::
     try {
         auto downloading = studio->download(downloadId, copy->destination.url, copy->destination.overwrite);
         co_await std::move(downloading);
+    } catch (const TransportError&) {
+        // Cut short by the connection: stopped, as a cancelled copy is.
+        finish("The copy of the export was stopped before it was complete.");
+        throw;
     } catch (const BridgeError& failure) {
         finish(failure.what());
         throw;
