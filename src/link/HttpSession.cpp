@@ -1,9 +1,5 @@
 #include "link/HttpSession.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -14,11 +10,11 @@
 #include <boost/system/system_error.hpp>
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <map>
 #include <optional>
 
 #include "link/BlockingWork.h"
+#include "link/UploadFile.h"
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -195,55 +191,6 @@ namespace {
 constexpr size_t uploadPiece = 1 << 20;
 constexpr size_t downloadPiece = 1 << 20;
 
-// A file being sent, closed on every way out.
-class SourceFile {
-public:
-    explicit SourceFile(const std::filesystem::path& path) : path_(path) {
-        // Without blocking: a named pipe or a device in place of the file
-        // would otherwise hold the open until someone writes to it.
-        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        struct stat info {};
-        if (fd_ < 0 || ::fstat(fd_, &info) != 0) fail(errno);
-        if (!S_ISREG(info.st_mode)) throw BridgeError("Cannot read " + path.string() + ".");
-        size_ = static_cast<uint64_t>(info.st_size);
-        ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
-    }
-    ~SourceFile() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    SourceFile(const SourceFile&) = delete;
-    SourceFile& operator=(const SourceFile&) = delete;
-
-    uint64_t size() const { return size_; }
-    int fd() const { return fd_; }
-
-    // The next bytes at `offset`, as many as fit, never none: a file that
-    // ends before the size it had at the start is a failure, not a short
-    // body.
-    size_t read(char* into, size_t capacity, uint64_t offset) const {
-        size_t want = static_cast<size_t>(std::min<uint64_t>(capacity, size_ - offset));
-        for (;;) {
-            ssize_t got = ::pread(fd_, into, want, static_cast<off_t>(offset));
-            if (got > 0) return static_cast<size_t>(got);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) fail(errno);
-            shrank();
-        }
-    }
-
-    [[noreturn]] void fail(int error) const {
-        throw BridgeError("Could not read " + path_.string() + ": " + std::strerror(error) + ".");
-    }
-    [[noreturn]] void shrank() const {
-        throw BridgeError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
-    }
-
-private:
-    std::filesystem::path path_;
-    int fd_ = -1;
-    uint64_t size_ = 0;
-};
-
 // Studio may refuse an upload before reading its body (too large, a bad
 // name) and close: the refusal is then waiting to be read, and it is what
 // the agent must hear, not the broken pipe it caused.
@@ -261,7 +208,7 @@ asio::awaitable<error_code> answeredEarly(Connection& connection, error_code fai
 // them so (sendfile); otherwise they are read into `piece` and written.
 template <class Parser>
 asio::awaitable<error_code> writeFileThenReadHeader(Connection& connection, http::request<http::empty_body>& message,
-                                                    const SourceFile& source, std::vector<char>& piece,
+                                                    const UploadFile& source, std::vector<char>& piece,
                                                     const HttpSession::Sent& sent, std::optional<Parser>& parser,
                                                     std::chrono::steady_clock::duration timeout) {
     http::request_serializer<http::empty_body> head(message);
@@ -311,7 +258,7 @@ asio::awaitable<error_code> writeFileThenReadHeader(Connection& connection, http
 asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::filesystem::path file, Sent sent) {
     // Opened before any connection is made: a file that cannot be read
     // costs Studio nothing.
-    auto source = co_await blocking::run([&file] { return std::make_unique<SourceFile>(file); });
+    auto source = co_await blocking::run([&file] { return UploadFile::open(file); });
     std::vector<char> piece;
     http::request<http::empty_body> message;
     std::optional<http::response_parser<http::string_body>> parser;

@@ -23,6 +23,7 @@
 #include "platform/ApplicationLauncher.h"
 #include "platform/Crypto.h"
 #include "platform/Environment.h"
+#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunningApplications.h"
@@ -246,13 +247,7 @@ std::string StudioConnection::makeNonce() {
         std::random_device fallback;
         for (auto& b : bytes) b = static_cast<uint8_t>(fallback());
     }
-    static const char digits[] = "0123456789abcdef";
-    std::string nonce;
-    for (uint8_t b : bytes) {
-        nonce.push_back(digits[b >> 4]);
-        nonce.push_back(digits[b & 15]);
-    }
-    return nonce;
+    return platform::hex(bytes);
 }
 
 // Announcements after the first, until Studio made contact, the attempts are
