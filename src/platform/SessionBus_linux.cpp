@@ -273,8 +273,8 @@ std::optional<SystemError> LinuxSessionBus::openURIs(const std::string& name, co
 }
 
 LinuxSessionBus& systemSessionBus() {
-    static LinuxSessionBus bus;
-    return bus;
+    static auto* bus = new LinuxSessionBus;
+    return *bus;
 }
 
 }  // namespace platform
