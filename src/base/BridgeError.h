@@ -1,7 +1,8 @@
 // The system's one error type: a message for the person behind the agent (or
 // the user of the installer). What it says is exactly what they read.
 // Cancellation is not a BridgeError; it travels as Asio's operation_aborted
-// (the link raises it, see link/Cancellation.h), and a cancelled request gets no reply at all.
+// (a boost::system::system_error), and a cancelled request gets no reply at
+// all.
 #pragma once
 #include <exception>
 #include <stdexcept>

@@ -4,12 +4,12 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/this_coro.hpp>
+#include <boost/system/system_error.hpp>
 
 #include "base/BridgeError.h"
 #include "base/StudioLocation.h"
-#include "link/Cancellation.h"
-#include "link/HttpSession.h"
 #include "platform/Log.h"
 #include "server/Catalog.h"
 #include "server/Forwarding.h"
@@ -29,11 +29,11 @@ constexpr const char* anyAgent = "A coding agent";
 // nothing to the person behind the agent; it goes to the log, and the agent
 // gets a sentence of ours.
 std::string agentMessage(const std::exception& failure) {
-    if (dynamic_cast<const BridgeError*>(&failure) || dynamic_cast<const TransportError*>(&failure) ||
-        dynamic_cast<const FileReadError*>(&failure))
-        return failure.what();
+    if (dynamic_cast<const BridgeError*>(&failure)) return failure.what();
     platform::log(std::string("a call failed: ") + failure.what());
-    if (cancellation::is(failure)) return "The call was stopped before Vantoric Studio finished it.";
+    auto* system = dynamic_cast<const boost::system::system_error*>(&failure);
+    if (system && system->code() == boost::asio::error::operation_aborted)
+        return "The call was stopped before Vantoric Studio finished it.";
     return "The bridge could not carry out this call.";
 }
 

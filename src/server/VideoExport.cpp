@@ -6,9 +6,10 @@
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/system/system_error.hpp>
 
 #include "base/BridgeError.h"
-#include "link/Cancellation.h"
+#include "link/HttpSession.h"
 #include "server/Forwarding.h"
 #include "server/ToolResults.h"
 
@@ -161,7 +162,7 @@ Task<std::optional<fs::path>> VideoExport::copy(std::string downloadId, std::chr
         co_await timer->async_wait(boost::asio::as_tuple(boost::asio::use_awaitable_t<boost::asio::any_io_executor>{}));
         if (!running->finished) {
             if ((co_await boost::asio::this_coro::cancellation_state).cancelled() != boost::asio::cancellation_type::none)
-                cancellation::raise();
+                throw boost::system::system_error(boost::asio::error::operation_aborted);
             co_return std::nullopt;  // still copying: the payload says so
         }
         if (running->failure) throw BridgeError(*running->failure);
@@ -183,6 +184,10 @@ Task<std::optional<fs::path>> VideoExport::copy(std::string downloadId, std::chr
     try {
         auto downloading = studio_->download(downloadId, made->destination.url, made->destination.overwrite);
         co_await std::move(downloading);
+    } catch (const TransportError&) {
+        // Cut short by the connection: stopped, as a cancelled copy is.
+        finish("The copy of the export was stopped before it was complete.");
+        throw;
     } catch (const BridgeError& failure) {
         finish(failure.what());
         throw;
