@@ -13,7 +13,8 @@ TEST(InstallerCommandLine, BadWordsPrintUsageAndTouchNothingAgentWordsAreLowerCa
     const std::string usage =
         "Usage: vantoric-studio-mcp install | status [--json] | uninstall [claude] [codex] [opencode]\n";
     machine.expect({{{}, 2, usage}, {{"Install"}, 2, usage}, {{"remove"}, 2, usage}, {{"--json"}, 2, usage},
-                    {{"install", "claude", "Claud"}, 2, "Unknown agent \"claud\": choose claude, codex or opencode.\n" + usage}});
+                    {{"install", "claude", "Claud"}, 2, "Unknown agent \"claud\": choose claude, codex or opencode.\n" + usage},
+                    {{"uninstall", "\xC9" "Codex\xFF"}, 2, "Unknown agent \"\xC9" "codex\xFF\": choose claude, codex or opencode.\n" + usage}});
     EXPECT_TRUE(machine.agents.calls.empty());
     machine.expect({{{"install", "--json", "CLAUDE"}, 0, "Claude Code: Studio's MCP server added, skill installed.\n" + advice},
                     // In a fixed order whatever the words.
