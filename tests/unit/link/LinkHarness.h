@@ -137,7 +137,7 @@ public:
         co_return Connected{{}, std::move(bridge)};
     }
 
-    // Connections dialled while the listener is not asking for one wait.
+    // Dialled connections wait in line until the listener asks for one.
     struct Acceptor final : LoopbackAcceptor {
         Acceptor(MemoryNetwork& network, asio::any_io_executor executor)
             : network(network), executor(std::move(executor)), number(network.nextPort_++) {
@@ -150,19 +150,20 @@ public:
             open = false;
             for (auto& [connection, from] : queued) connection->close();
             queued.clear();
-            if (waiting) complete(asio::error::operation_aborted, nullptr, {});
+            hand();
         }
         void accept(Accepted handler) override {
             waiting = std::move(handler);
-            if (!open) return close();
-            if (queued.empty()) return;
-            auto [connection, from] = queued.front();
-            queued.pop_front();
-            complete({}, connection, from);
+            hand();
         }
-        void complete(error_code ec, std::shared_ptr<ByteStream> connection, tcp::endpoint from) {
-            asio::post(executor, [handler = std::move(*waiting), ec, connection, from] { handler(ec, connection, from); });
-            waiting.reset();
+        void hand() {
+            if (!waiting || (open && queued.empty())) return;
+            std::pair<std::shared_ptr<ByteStream>, tcp::endpoint> next;
+            if (open) next = queued.front(), queued.pop_front();
+            error_code ec = open ? error_code() : asio::error::operation_aborted;
+            asio::post(executor, [handler = *std::exchange(waiting, std::nullopt), ec, next] {
+                handler(ec, next.first, next.second);
+            });
         }
         MemoryNetwork& network;
         asio::any_io_executor executor;
@@ -175,16 +176,15 @@ public:
         return std::make_unique<Acceptor>(*this, std::move(executor));
     }
     // A connection from `from` to the listener on `port`: the test's end,
-    // closed at once when nothing is accepting there.
+    // closed at once when nothing listens there.
     std::shared_ptr<MemoryStream> dial(uint16_t port, tcp::endpoint from) {
         auto [test, listener] = MemoryStream::pair(io_);
         auto found = listening_.find(port);
         if (found == listening_.end() || !found->second->open) {
             test->close();
-        } else if (found->second->waiting) {
-            found->second->complete({}, std::move(listener), from);
         } else {
             found->second->queued.emplace_back(std::move(listener), from);
+            found->second->hand();
         }
         return std::move(test);
     }
