@@ -11,15 +11,19 @@
 #include <nlohmann/json.hpp>
 
 #include "installer/BridgeInstaller.h"
-#include "installer/Text.h"
+#include "jsonc/UTF8.h"
 
 using namespace BridgeInstaller;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const platform::Environment environment;
+    static platform::LinuxCommandRunner commands(environment);
+    static const System system{platform::systemFiles(), commands, platform::systemUsers(), environment};
     std::string_view bytes(reinterpret_cast<const char*>(data), size);
-    std::string output = text::decodedUTF8(bytes);
-    if (!text::isValidUTF8(output)) std::abort();
-    if (text::isValidUTF8(bytes) && output != bytes) std::abort();
+    std::string output;
+    utf8::appendRepaired(output, bytes);
+    if (!utf8::isWellFormed(output)) std::abort();
+    if (utf8::isWellFormed(bytes) && output != bytes) std::abort();
 
     for (const auto& line : indented(output)) {
         if (line.size() < 5 || line.compare(0, 4, "    ") != 0) std::abort();
@@ -27,9 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     const std::filesystem::path bridge = "/opt/studio/vantoric-studio-mcp";
-    auto claude = claudeRegistration(0, output, bridge);
-    auto codex = codexRegistration(0, output, bridge);
-    auto missing = claudeRegistration(1, output, bridge);
+    auto claude = claudeRegistration(0, output, bridge, system);
+    auto codex = codexRegistration(0, output, bridge, system);
+    auto missing = claudeRegistration(1, output, bridge, system);
     if (missing.kind != Registration::Kind::absent && missing.kind != Registration::Kind::unknown) std::abort();
 
     auto report = statusJSON({{"claude", "Claude Code", claude}, {"codex", "Codex", codex},

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "link/HandoverReply.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -23,7 +23,6 @@
 #include <boost/asio/write.hpp>
 
 #include "json/Json.h"
-#include "link/Cancellation.h"
 #include "link/HttpSession.h"
 
 namespace asio = boost::asio;

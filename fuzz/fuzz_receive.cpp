@@ -18,9 +18,13 @@
 
 #include "link/BlockingWork.h"
 #include "peer/StudioPeer.h"
+#include "base/StudioLocation.h"
+#include "server/Framing.h"
 #include "server/InputLoop.h"
 #include "server/StudioMCPBridge.h"
 #include "support/PlatformDoubles.h"
+
+using namespace server;
 
 namespace {
 
@@ -51,7 +55,7 @@ std::map<std::string, int> erasOf(const std::vector<std::string_view>& lines) {
         auto params = message.find("params");
         auto era = ProtocolEra::of(method->get_ref<const std::string&>(),
                                    params == message.end() ? Json::object() : *params);
-        eras[Transport::key(*id)] |= era == ProtocolEra::Era::stateless ? 2 : 1;
+        eras[Framing::key(*id)] |= era == ProtocolEra::Era::stateless ? 2 : 1;
     };
     for (auto line : lines) {
         auto parsed = parseJSON(line);
@@ -78,16 +82,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     testsupport::FakeSecureRandom random;
     testsupport::FakeApplicationLauncher launcher;
     launcher.failure = platform::SystemError{ENOENT, "No such file or directory"};
-    const std::string identifier(StudioMCPBridge::releaseIdentifier);
+    const std::string identifier(StudioLocation::releaseIdentifier);
     StudioConnection::Services services{notifications, running, launcher, random,
                                         std::make_shared<StudioPeer>(StudioPeer::Services{running, sockets, signing},
                                                                      identifier),
                                         {}, identifier, identifier + ".agent-link",
-                                        std::string(StudioMCPBridge::hello)};
-    auto bridge = StudioMCPBridge::create(
-        context.get_executor(), std::filesystem::path("/nonexistent/Vantoric Studio.app"), std::string(catalog),
-        "/tmp/fuzz-folder", [&](std::string_view line) { written.emplace_back(line); }, {},
-        platform::systemBundles(), std::move(services));
+                                        std::string(StudioLocation::hello)};
+    StudioMCPBridge::Setup setup;
+    setup.app = std::filesystem::path("/nonexistent/Vantoric Studio.app");
+    setup.catalog = std::string(catalog);
+    setup.workingDirectory = "/tmp/fuzz-folder";
+    setup.output = [&](std::string_view line) { written.emplace_back(line); };
+    setup.services.emplace(std::move(services));
+    auto bridge = StudioMCPBridge::create(context.get_executor(), std::move(setup));
 
     std::map<std::string, int> eras;
     boost::asio::post(bridge->strand(), [&] {
@@ -107,7 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // context: none may still hold a piece of it when it goes.
     blocking::settle();
 
-    if (!bridge->calls.empty()) std::abort();
+    if (!bridge->idle()) std::abort();
     for (const auto& line : written) {
         if (line.empty() || line.back() != '\n' || line.find('\n') != line.size() - 1) std::abort();
         auto reply = parseObject(std::string_view(line).substr(0, line.size() - 1));
@@ -115,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         auto result = reply->find("result");
         auto id = reply->find("id");
         if (result == reply->end() || id == reply->end()) continue;
-        auto era = eras.find(Transport::key(*id));
+        auto era = eras.find(Framing::key(*id));
         if (era == eras.end() || era->second == 3) continue;
         const bool framed = result->is_object() && result->contains("resultType");
         if (era->second == 1 && framed) std::abort();

@@ -35,7 +35,7 @@
 #include <vector>
 
 #include "link/StudioConnection.h"
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
 #include "support/IoThread.h"

@@ -1,5 +1,5 @@
-// An agent's program that prints without end (`yes`), run through the
-// installer's child-process runner until its time limit stops it:
+// An agent's program that prints without end (`yes`), run the way the
+// installer runs an agent's program until its time limit stops it:
 //   installer_bench <seconds>
 // Prints key=value lines: how many bytes the child printed, how many were
 // kept, how long the run took, and this process's peak resident set
@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-#include "installer/ProcessRunner.h"
+#include "installer/Answer.h"
 
 namespace {
 
@@ -28,7 +28,10 @@ int main(int argc, char** argv) {
     double seconds = argc > 1 ? std::atof(argv[1]) : 120;
     long before = peakKiB();
     auto start = std::chrono::steady_clock::now();
-    auto result = BridgeInstaller::run("/usr/bin/yes", {}, seconds);
+    const platform::Environment environment = platform::captureEnvironment();
+    platform::LinuxCommandRunner commands(environment);
+    BridgeInstaller::System system{platform::systemFiles(), commands, platform::systemUsers(), environment};
+    auto result = BridgeInstaller::ask(system, "/usr/bin/yes", {}, seconds);
     double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     long after = peakKiB();
 
@@ -41,6 +44,6 @@ int main(int argc, char** argv) {
     auto open = result.output.rfind('(', at);
     unsigned long long cut = std::strtoull(result.output.c_str() + open + 1, nullptr, 10);
     std::printf("printed_bytes=%llu\nkept_bytes=%zu\nseconds=%.2f\npeak_kib_before=%ld\npeak_kib_after=%ld\n",
-                cut + 2 * BridgeInstaller::keptOutputEnd, result.output.size(), took, before, after);
+                cut + 2 * platform::keptOutputEnd, result.output.size(), took, before, after);
     return 0;
 }

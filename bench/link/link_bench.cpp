@@ -52,7 +52,7 @@
 #include "link/StudioConnection.h"
 #include "peer/StudioPeer.h"
 #include "platform/NotificationCenter.h"
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
 #include "support/IoThread.h"

@@ -2,7 +2,6 @@
 // output, with any argument the installer. The environment is read once and
 // Studio located once, so both modes see the same bundle.
 #include <malloc.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,7 +26,11 @@
 #include "link/DownloadFile.h"
 #include "platform/Environment.h"
 #include "platform/Executable.h"
+#include "platform/Files.h"
 #include "platform/Log.h"
+#include "platform/Users.h"
+#include "base/StudioLocation.h"
+#include "server/Catalog.h"
 #include "server/InputLoop.h"
 #include "server/StudioMCPBridge.h"
 
@@ -35,23 +38,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// One unbuffered write of the whole line (continued should the kernel take
-// only part of it, or should the agent have left the pipe non-blocking). A
-// reader that went away is not an error of ours: the line is dropped.
-void writeToStandardOutput(std::string_view line) {
-    size_t done = 0;
-    while (done < line.size()) {
-        ssize_t n = ::write(STDOUT_FILENO, line.data() + done, line.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            pollfd writable{STDOUT_FILENO, POLLOUT, 0};
-            ::poll(&writable, 1, -1);
-            continue;
-        }
-        if (n <= 0) return;
-        done += static_cast<size_t>(n);
-    }
-}
+// One unbuffered write of the whole line. A reader that went away is not an
+// error of ours: the line is dropped.
+void writeToStandardOutput(std::string_view line) { platform::writeAll(STDOUT_FILENO, line, "standard output"); }
 
 fs::path currentFolder() {
     std::error_code ec;
@@ -70,7 +59,7 @@ int main(int argc, char** argv) {
 
     const platform::Environment environment = platform::captureEnvironment();
     const std::optional<fs::path> executable = platform::ownExecutable();
-    const std::optional<fs::path> app = StudioMCPBridge::locateApp(executable, environment);
+    const std::optional<fs::path> app = StudioLocation::locateApp(executable, environment);
 
     if (argc > 1 && executable) {
         std::error_code ec;
@@ -80,11 +69,16 @@ int main(int argc, char** argv) {
         std::exit(BridgeInstaller::run(arguments, bridge, app, environment));
     }
 
-    auto catalog = StudioMCPBridge::catalogData(app, environment);
     boost::asio::io_context context(1);
-    BridgeTiming timing = BridgeTiming::fromEnvironment(environment);
-    auto bridge = StudioMCPBridge::create(context.get_executor(), app, std::move(catalog), currentFolder(),
-                                          writeToStandardOutput, timing);
+    server::StudioMCPBridge::Setup setup;
+    setup.app = app;
+    setup.bundleIdentifier = StudioLocation::studioIdentifier(StudioLocation::appCandidate(executable, environment));
+    setup.catalog = server::Catalog::catalogData(app, environment);
+    setup.workingDirectory = currentFolder();
+    setup.home = platform::homeFolder(environment, platform::systemUsers());
+    setup.output = writeToStandardOutput;
+    setup.timing = server::BridgeTiming::fromEnvironment(environment);
+    auto bridge = server::StudioMCPBridge::create(context.get_executor(), std::move(setup));
     if (!app) platform::log("Vantoric Studio was not found; set VANTORIC_STUDIO_APP.");
 
     // The run ends at the end of input or at SIGINT, SIGTERM or SIGHUP
@@ -115,7 +109,7 @@ int main(int argc, char** argv) {
     };
     signals.async_wait(onSignal);
 
-    std::thread reader = startInputLoop(STDIN_FILENO, bridge, [&] { boost::asio::post(context, end); });
+    std::thread reader = server::startInputLoop(STDIN_FILENO, bridge, [&] { boost::asio::post(context, end); });
     context.run();
     removeUnfinishedDownloads();
     // After a signal the reader may still wait for input that never comes;

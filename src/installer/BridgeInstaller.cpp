@@ -27,14 +27,17 @@ bool isAgentID(const std::string& word) {
 
 int run(const std::vector<std::string>& arguments, const fs::path& bridge, const std::optional<fs::path>& app,
         const platform::Environment& environment) {
-    int status = run(arguments, bridge, app, environment, Settings::current(), std::cout);
+    platform::LinuxCommandRunner commands(environment);
+    System system{platform::systemFiles(), commands, platform::systemUsers(), environment};
+    int status = run(arguments, bridge, app, system, Settings::current(environment), std::cout);
     std::cout.flush();
     return status;
 }
 
 int run(const std::vector<std::string>& arguments, const fs::path& bridge, const std::optional<fs::path>& app,
-        const platform::Environment& environment, const Settings& given, std::ostream& out) {
+        const System& system, const Settings& given, std::ostream& out) {
     Settings settings = given;
+    const auto& environment = system.environment;
     if (auto bus = environment.find("DBUS_SESSION_BUS_ADDRESS"); bus != environment.end()) settings.sessionBus = bus->second;
     if (arguments.empty() || !isCommand(arguments.front())) {
         out << usage << '\n';
@@ -61,14 +64,14 @@ int run(const std::vector<std::string>& arguments, const fs::path& bridge, const
     }
 
     std::vector<Agent> selected;
-    for (auto& agent : detect(environment)) {
+    for (auto& agent : detect(system)) {
         if (wanted.empty() || wanted.count(agent.id)) selected.push_back(std::move(agent));
     }
 
     if (json) {
         std::vector<StatusEntry> entries;
         for (const auto& agent : selected) {
-            entries.push_back({agent.id, agent.title, registration(agent, bridge, settings)});
+            entries.push_back({agent.id, agent.title, registration(agent, bridge, settings, system)});
         }
         out << statusJSON(entries, bridge) << '\n';
         return 0;
@@ -89,16 +92,16 @@ int run(const std::vector<std::string>& arguments, const fs::path& bridge, const
         return 1;
     }
 
-    auto skill = skillSource(app);
+    auto skill = skillSource(app, system.files);
     bool adviceDue = false;
     for (const auto& agent : selected) {
         Outcome outcome;
         if (command == "install") {
-            outcome = install(agent, bridge, skill, settings);
+            outcome = install(agent, bridge, skill, settings, system);
         } else if (command == "uninstall") {
-            outcome = uninstall(agent, bridge, settings);
+            outcome = uninstall(agent, bridge, settings, system);
         } else {
-            outcome = report(agent, bridge, settings);
+            outcome = report(agent, bridge, settings, system);
         }
         outcome.print(agent.title, out);
         out.flush();  // agents can take seconds each; show progress as it comes
@@ -151,9 +154,9 @@ std::string statusJSON(const std::vector<StatusEntry>& entries, const fs::path& 
     }
 }
 
-Outcome report(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+Outcome report(const Agent& agent, const fs::path& bridge, const Settings& settings, const System& system) {
     Outcome outcome;
-    auto found = registration(agent, bridge, settings);
+    auto found = registration(agent, bridge, settings, system);
     switch (found.kind) {
         case Registration::Kind::current:
             outcome.parts.push_back("MCP server added");
@@ -172,7 +175,7 @@ Outcome report(const Agent& agent, const fs::path& bridge, const Settings& setti
             outcome.succeeded = false;
             break;
     }
-    if (settings.managesSkill) reportSkill(agent, outcome);
+    if (settings.managesSkill) reportSkill(agent, outcome, system.files);
     return outcome;
 }
 

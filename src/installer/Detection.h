@@ -2,7 +2,8 @@
 // the search path and the folders in which it keeps skills and (OpenCode
 // only) the configuration the installer edits. Also whether a command an
 // agent is configured with starts this very bridge. Detection reads the
-// environment it is given and the disk; nothing is kept between calls.
+// environment and the files of the System it is given; nothing is kept
+// between calls.
 #pragma once
 #include <filesystem>
 #include <optional>
@@ -10,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Environment.h"
+#include "installer/System.h"
 
 namespace BridgeInstaller {
 
@@ -24,19 +25,17 @@ struct Agent {
 
 // The agents whose program is found, at most one per identifier, in the
 // order claude, codex, opencode.
-std::vector<Agent> detect(const platform::Environment& environment);
-
-// HOME when set and not empty, else the user's home folder from the password database.
-std::filesystem::path homeFolder(const platform::Environment& environment);
+std::vector<Agent> detect(const System& system);
 
 // Whether a path written in an agent's configuration ("~" allowed) and the
 // given file name the same file, after resolving symbolic links and "." and
 // ".." components. Nothing needs to exist.
-bool samePath(std::string_view path, const std::filesystem::path& file);
+bool samePath(std::string_view path, const std::filesystem::path& file, const System& system);
 
 // Whether the command is exactly one word and that word is the bridge: a
 // command with arguments, or one that runs the bridge through another
 // program, is some other server.
-bool launches(const std::optional<std::vector<std::string>>& command, const std::filesystem::path& bridge);
+bool launches(const std::optional<std::vector<std::string>>& command, const std::filesystem::path& bridge,
+              const System& system);
 
 }  // namespace BridgeInstaller

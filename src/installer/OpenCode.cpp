@@ -1,12 +1,8 @@
 #include "installer/OpenCode.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <map>
-#include <system_error>
 
-#include "installer/Files.h"
 #include "installer/Text.h"
 #include "jsonc/JSONCDocument.h"
 
@@ -42,40 +38,39 @@ std::map<std::string, std::vector<OpenCodeEntry>> byFile(const std::vector<OpenC
 // exits with counts as a refusal. One that hung, was killed or never started
 // is not retried: the plain form would fare no better, and the first answer
 // is the one that says why.
-CommandResult addToOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
-    auto added = add(agent, bridge, settings);
+Answer addToOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings, const System& system) {
+    auto added = add(agent, bridge, settings, system);
     if (added.status == 0 || !added.exited) return added;
-    auto plain = run(agent.executable, {"mcp", "add", settings.serverName, "--", bridge.string()}, settings.timeout);
+    auto plain = ask(system, agent.executable, {"mcp", "add", settings.serverName, "--", bridge.string()}, settings.timeout);
     if (plain.status != 0) plain.output = added.output + "\nWithout --global:\n" + plain.output;
     return plain;
 }
 
 }  // namespace
 
-Registration OpenCodeScan::registration(const fs::path& bridge) const {
+Registration OpenCodeScan::registration(const fs::path& bridge, const System& system) const {
     if (!unreadable.empty()) return Registration::unknown(unreadable.front().string() + " could not be read as JSON.");
     if (entries.empty()) return Registration::absent();
     for (const auto& entry : entries) {
-        if (!launches(entry.command, bridge)) return Registration::other(describe(entry.command));
+        if (!launches(entry.command, bridge, system)) return Registration::other(describe(entry.command));
     }
     return Registration::current();
 }
 
-std::vector<fs::path> openCodeConfigs(const Agent& agent) {
-    std::vector<fs::path> files;
-    if (!agent.configFolder) return files;
+std::vector<fs::path> openCodeConfigs(const Agent& agent, const platform::Files& files) {
+    std::vector<fs::path> found;
+    if (!agent.configFolder) return found;
     for (const char* name : {"opencode.json", "opencode.jsonc"}) {
         fs::path file = *agent.configFolder / name;
         // A link that leads nowhere is a file that does not exist yet, as it
         // is for OpenCode, which writes through it. Anything else in the
         // file's place counts, and is unreadable when it cannot be read (a
         // folder, a loop of links).
-        std::error_code ec;
-        if (!fs::exists(fs::symlink_status(file, ec))) continue;
-        if (fs::status(file, ec).type() == fs::file_type::not_found) continue;
-        files.push_back(file);
+        if (!files.linkStatus(file).exists()) continue;
+        if (files.status(file).kind == platform::FileKind::missing) continue;
+        found.push_back(file);
     }
-    return files;
+    return found;
 }
 
 std::optional<std::vector<OpenCodeEntry>> openCodeEntries(std::string_view text, const fs::path& file,
@@ -92,10 +87,10 @@ std::optional<std::vector<OpenCodeEntry>> openCodeEntries(std::string_view text,
     return entries;
 }
 
-OpenCodeScan openCodeScan(const Agent& agent, const Settings& settings) {
+OpenCodeScan openCodeScan(const Agent& agent, const Settings& settings, const System& system) {
     OpenCodeScan scan;
-    for (const auto& file : openCodeConfigs(agent)) {
-        auto contents = files::read(file);
+    for (const auto& file : openCodeConfigs(agent, system.files)) {
+        auto contents = system.files.read(file);
         if (!contents.bytes) {
             scan.unreadable.push_back(file);
             continue;
@@ -113,20 +108,19 @@ OpenCodeScan openCodeScan(const Agent& agent, const Settings& settings) {
     return scan;
 }
 
-std::optional<std::string> editConfig(const fs::path& file, const ConfigEdit& edit) {
-    std::error_code ec;
-    fs::path target = fs::canonical(file, ec);
-    if (ec) target = file;
-    auto contents = files::read(target);
-    if (!contents.bytes) return "It could not be read.";
+std::optional<BridgeError> editConfig(const fs::path& file, const ConfigEdit& edit, platform::Files& files) {
+    // The link's target is what changes; the link stays a link.
+    fs::path target = files.resolved(file);
+    auto contents = files.read(target);
+    if (!contents.bytes) return BridgeError("It could not be read.");
     // Not decoded: every byte outside the edited entry is the user's and
     // stays as it is, even one that is not UTF-8.
     auto edited = edit(*contents.bytes);
-    if (!edited) return "It could not be edited safely (Studio edits only JSON with comments it can read back).";
+    if (!edited) return BridgeError("It could not be edited safely (Studio edits only JSON with comments it can read back).");
     std::optional<mode_t> mode;
-    struct stat info;
-    if (stat(target.c_str(), &info) == 0) mode = info.st_mode & 07777;
-    return files::writeAtomically(target, *edited, mode);
+    if (auto status = files.status(target); status.exists()) mode = status.permissions;
+    if (auto failure = files.writeAtomically(target, *edited, mode)) return because(*failure);
+    return std::nullopt;
 }
 
 namespace {
@@ -134,7 +128,8 @@ namespace {
 // One write of a file for all of its entries: each edit applies to the text
 // the previous one left; one that fails leaves the file untouched.
 template <typename Edit>
-std::optional<std::string> editEntries(const fs::path& file, const std::vector<OpenCodeEntry>& entries, Edit edit) {
+std::optional<BridgeError> editEntries(const fs::path& file, const std::vector<OpenCodeEntry>& entries,
+                                       platform::Files& files, Edit edit) {
     return editConfig(file, [&](const std::string& original) -> std::optional<std::string> {
         std::optional<std::string> text = original;
         for (const auto& entry : entries) {
@@ -142,14 +137,14 @@ std::optional<std::string> editEntries(const fs::path& file, const std::vector<O
             if (!text) return std::nullopt;
         }
         return text;
-    });
+    }, files);
 }
 
 }  // namespace
 
-Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings, const System& system) {
     Outcome outcome;
-    auto scan = openCodeScan(agent, settings);
+    auto scan = openCodeScan(agent, settings, system);
     std::string commandText = "[" + jsonString(bridge.string()) + "]";
 
     if (!scan.unreadable.empty()) {
@@ -161,10 +156,10 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
     }
 
     if (scan.entries.empty()) {
-        auto added = addToOpenCode(agent, bridge, settings);
+        auto added = addToOpenCode(agent, bridge, settings, system);
         if (added.status != 0) {
             outcome.fail("could not add Studio's MCP server", added.output);
-        } else if (openCodeScan(agent, settings).registration(bridge) == Registration::current()) {
+        } else if (openCodeScan(agent, settings, system).registration(bridge, system) == Registration::current()) {
             outcome.parts.push_back("Studio's MCP server added");
         } else {
             outcome.fail("OpenCode said it added Studio's MCP server, but its global config does not show it",
@@ -175,7 +170,7 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
 
     std::vector<OpenCodeEntry> stale;
     for (const auto& entry : scan.entries) {
-        if (!launches(entry.command, bridge)) stale.push_back(entry);
+        if (!launches(entry.command, bridge, system)) stale.push_back(entry);
     }
     if (stale.empty()) {
         outcome.parts.push_back("Studio's MCP server already set up");
@@ -186,7 +181,7 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
         const auto& file = group.first;
         const auto& entries = group.second;
         const auto& first = entries.front();
-        auto failure = editEntries(first.file, entries, [&](const OpenCodeEntry& entry, const std::string& text) {
+        auto failure = editEntries(first.file, entries, system.files, [&](const OpenCodeEntry& entry, const std::string& text) {
             auto commandPath = entry.path;
             commandPath.push_back("command");
             return JSONCDocument::replacingValue(commandPath, commandText, text);
@@ -194,7 +189,7 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
         if (!failure) {
             outcome.parts.push_back("Studio's MCP server updated (it ran " + describe(first.command) + ")");
         } else {
-            outcome.fail("could not update " + file, *failure,
+            outcome.fail("could not update " + file, failure->message(),
                          "Set the \"command\" of " + text::joined(first.path, keySeparator) + " there to " +
                              commandText + ".");
         }
@@ -202,9 +197,9 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
     return outcome;
 }
 
-Outcome uninstallOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+Outcome uninstallOpenCode(const Agent& agent, const fs::path& bridge, const Settings& settings, const System& system) {
     Outcome outcome;
-    auto scan = openCodeScan(agent, settings);
+    auto scan = openCodeScan(agent, settings, system);
     for (const auto& file : scan.unreadable) {
         outcome.parts.push_back("could not read " + file.string());
         outcome.details.push_back("    Remove \"" + settings.serverName + "\" from its \"mcp\" section by hand.");
@@ -218,14 +213,14 @@ Outcome uninstallOpenCode(const Agent& agent, const fs::path& bridge, const Sett
         const auto& file = group.first;
         const auto& entries = group.second;
         const auto& first = entries.front();
-        auto failure = editEntries(first.file, entries, [](const OpenCodeEntry& entry, const std::string& text) {
+        auto failure = editEntries(first.file, entries, system.files, [](const OpenCodeEntry& entry, const std::string& text) {
             return JSONCDocument::removingMember(entry.path, text);
         });
         if (!failure) {
             outcome.parts.push_back("MCP server removed");
         } else {
             std::vector<std::string> holder(first.path.begin(), first.path.end() - 1);
-            outcome.fail("could not edit " + file, *failure,
+            outcome.fail("could not edit " + file, failure->message(),
                          "Remove \"" + settings.serverName + "\" from " + text::joined(holder, keySeparator) +
                              " there by hand.");
         }

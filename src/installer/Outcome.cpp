@@ -31,6 +31,8 @@ std::vector<std::string> indented(std::string_view text) {
     return result;
 }
 
+BridgeError because(const platform::SystemError& failure) { return BridgeError(failure.description + "."); }
+
 std::string title(std::string_view id) {
     if (id == "claude") return "Claude Code";
     if (id == "codex") return "Codex";

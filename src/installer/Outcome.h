@@ -1,7 +1,8 @@
 // What one installer step did for one agent, and the small text operations
 // every installer step shares to say it: the agents' titles, detail lines
-// indented under an agent, and JSON string literals for commands the user
-// may have to type. Plain values and pure functions; any thread may call them.
+// indented under an agent, the sentence a system failure becomes, and JSON
+// string literals for commands the user may have to type. Plain values and
+// pure functions; any thread may call them.
 #pragma once
 #include <array>
 #include <optional>
@@ -9,6 +10,9 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "base/BridgeError.h"
+#include "platform/SystemError.h"
 
 namespace BridgeInstaller {
 
@@ -31,6 +35,10 @@ struct Outcome {
 // Free text (a program's output, an error) as detail lines: trimmed, split at
 // line breaks, empty lines dropped, each line prefixed with four spaces.
 std::vector<std::string> indented(std::string_view text);
+
+// The sentence the user reads for a failure at the system's boundary: its
+// description, which names the path, and a full stop.
+BridgeError because(const platform::SystemError& failure);
 
 // "Claude Code", "Codex", "OpenCode"; any other identifier as it is.
 std::string title(std::string_view id);

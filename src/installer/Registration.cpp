@@ -24,19 +24,19 @@ std::string_view name(Registration::Kind kind) {
     return "unknown";
 }
 
-Registration registration(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+Registration registration(const Agent& agent, const fs::path& bridge, const Settings& settings, const System& system) {
     if (agent.id == "claude") {
-        auto answer = run(agent.executable, {"mcp", "get", settings.serverName}, settings.timeout);
-        return claudeRegistration(answer.status, answer.output, bridge);
+        auto answer = ask(system, agent.executable, {"mcp", "get", settings.serverName}, settings.timeout);
+        return claudeRegistration(answer.status, answer.output, bridge, system);
     }
     if (agent.id == "codex") {
-        auto answer = run(agent.executable, {"mcp", "get", settings.serverName, "--json"}, settings.timeout);
-        return codexRegistration(answer.status, answer.output, bridge);
+        auto answer = ask(system, agent.executable, {"mcp", "get", settings.serverName, "--json"}, settings.timeout);
+        return codexRegistration(answer.status, answer.output, bridge, system);
     }
-    return openCodeScan(agent, settings).registration(bridge);
+    return openCodeScan(agent, settings, system).registration(bridge, system);
 }
 
-Registration claudeRegistration(int status, std::string_view output, const fs::path& bridge) {
+Registration claudeRegistration(int status, std::string_view output, const fs::path& bridge, const System& system) {
     if (status != 0) {
         if (output.find("No MCP server") != std::string_view::npos) return Registration::absent();
         return Registration::unknown(std::string(output));
@@ -54,14 +54,14 @@ Registration claudeRegistration(int status, std::string_view output, const fs::p
     }
     if (command) {
         if (arguments && !arguments->empty()) return Registration::other(*command + " " + *arguments);
-        if (samePath(*command, bridge)) return Registration::current();
+        if (samePath(*command, bridge, system)) return Registration::current();
         return Registration::other(*command);
     }
     if (url) return Registration::other(*url);
     return Registration::unknown(std::string(output));
 }
 
-Registration codexRegistration(int status, std::string_view output, const fs::path& bridge) {
+Registration codexRegistration(int status, std::string_view output, const fs::path& bridge, const System& system) {
     if (status != 0) {
         if (output.find("No MCP server") != std::string_view::npos) return Registration::absent();
         return Registration::unknown(std::string(output));
@@ -80,7 +80,7 @@ Registration codexRegistration(int status, std::string_view output, const fs::pa
                 for (const auto& arg : *args) words.push_back(arg.get<std::string>());
             }
         }
-        if (words.size() == 1 && samePath(words.front(), bridge)) return Registration::current();
+        if (words.size() == 1 && samePath(words.front(), bridge, system)) return Registration::current();
         return Registration::other(text::joined(words, " "));
     }
     if (auto url = transport->find("url"); url != transport->end() && url->is_string()) {
@@ -99,7 +99,7 @@ std::optional<nlohmann::json> jsonObject(std::string_view output) {
     return std::nullopt;
 }
 
-CommandResult add(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+Answer add(const Agent& agent, const fs::path& bridge, const Settings& settings, const System& system) {
     std::vector<std::string> arguments;
     if (agent.id == "claude") {
         arguments = {"mcp", "add", "--scope", "user", settings.serverName, "--", bridge.string()};
@@ -110,26 +110,29 @@ CommandResult add(const Agent& agent, const fs::path& bridge, const Settings& se
     } else {
         arguments = {"mcp", "add", "--global", settings.serverName, "--", bridge.string()};
     }
-    return run(agent.executable, arguments, settings.timeout);
+    return ask(system, agent.executable, arguments, settings.timeout);
 }
 
-CommandResult remove(const Agent& agent, const Settings& settings) {
-    if (agent.id == "claude") return run(agent.executable, {"mcp", "remove", settings.serverName, "--scope", "user"}, settings.timeout);
-    return run(agent.executable, {"mcp", "remove", settings.serverName}, settings.timeout);
+Answer remove(const Agent& agent, const Settings& settings, const System& system) {
+    if (agent.id == "claude") {
+        return ask(system, agent.executable, {"mcp", "remove", settings.serverName, "--scope", "user"}, settings.timeout);
+    }
+    return ask(system, agent.executable, {"mcp", "remove", settings.serverName}, settings.timeout);
 }
 
-Outcome install(const Agent& agent, const fs::path& bridge, const SkillSource& skill, const Settings& settings) {
+Outcome install(const Agent& agent, const fs::path& bridge, const SkillSource& skill, const Settings& settings,
+                const System& system) {
     Outcome outcome;
     if (agent.id == "opencode") {
-        outcome = installOpenCode(agent, bridge, settings);
+        outcome = installOpenCode(agent, bridge, settings, system);
     } else {
-        auto found = registration(agent, bridge, settings);
+        auto found = registration(agent, bridge, settings, system);
         switch (found.kind) {
             case Registration::Kind::current:
                 outcome.parts.push_back("Studio's MCP server already set up");
                 break;
             case Registration::Kind::absent: {
-                auto added = add(agent, bridge, settings);
+                auto added = add(agent, bridge, settings, system);
                 if (added.status == 0) {
                     outcome.parts.push_back("Studio's MCP server added");
                 } else {
@@ -138,12 +141,12 @@ Outcome install(const Agent& agent, const fs::path& bridge, const SkillSource& s
                 break;
             }
             case Registration::Kind::other: {
-                auto removed = remove(agent, settings);
+                auto removed = remove(agent, settings, system);
                 if (removed.status != 0) {
                     outcome.fail("could not replace the MCP server that runs " + found.payload, removed.output);
                     break;
                 }
-                auto added = add(agent, bridge, settings);
+                auto added = add(agent, bridge, settings, system);
                 if (added.status == 0) {
                     outcome.parts.push_back("Studio's MCP server updated (it ran " + found.payload + ")");
                 } else {
@@ -157,21 +160,21 @@ Outcome install(const Agent& agent, const fs::path& bridge, const SkillSource& s
                 break;
         }
     }
-    if (settings.managesSkill) installSkill(agent, skill, outcome);
+    if (settings.managesSkill) installSkill(agent, skill, outcome, system.files);
     return outcome;
 }
 
-Outcome uninstall(const Agent& agent, const fs::path& bridge, const Settings& settings) {
+Outcome uninstall(const Agent& agent, const fs::path& bridge, const Settings& settings, const System& system) {
     Outcome outcome;
     if (agent.id == "opencode") {
-        outcome = uninstallOpenCode(agent, bridge, settings);
+        outcome = uninstallOpenCode(agent, bridge, settings, system);
     } else {
-        auto found = registration(agent, bridge, settings);
+        auto found = registration(agent, bridge, settings, system);
         switch (found.kind) {
             case Registration::Kind::current:
             case Registration::Kind::other: {
                 // Whatever copy the entry starts, it is ours by name.
-                auto removed = remove(agent, settings);
+                auto removed = remove(agent, settings, system);
                 if (removed.status == 0) {
                     outcome.parts.push_back("MCP server removed");
                 } else {
@@ -187,7 +190,7 @@ Outcome uninstall(const Agent& agent, const fs::path& bridge, const Settings& se
                 break;
         }
     }
-    if (settings.managesSkill) removeSkill(agent, outcome);
+    if (settings.managesSkill) removeSkill(agent, outcome, system.files);
     return outcome;
 }
 

@@ -14,7 +14,7 @@
 
 #include "installer/Detection.h"
 #include "installer/Outcome.h"
-#include "installer/ProcessRunner.h"
+#include "installer/Answer.h"
 #include "installer/Settings.h"
 #include "installer/Skill.h"
 
@@ -42,11 +42,15 @@ std::string_view name(Registration::Kind kind);
 
 // Asks the agent: Claude Code and Codex through their programs, OpenCode by
 // reading its configuration files.
-Registration registration(const Agent& agent, const std::filesystem::path& bridge, const Settings& settings);
+Registration registration(const Agent& agent, const std::filesystem::path& bridge, const Settings& settings,
+                          const System& system);
 
-// The readers of `claude mcp get NAME` and `codex mcp get NAME --json`.
-Registration claudeRegistration(int status, std::string_view output, const std::filesystem::path& bridge);
-Registration codexRegistration(int status, std::string_view output, const std::filesystem::path& bridge);
+// The readers of `claude mcp get NAME` and `codex mcp get NAME --json`; the
+// system's files and users say whether a command names the bridge.
+Registration claudeRegistration(int status, std::string_view output, const std::filesystem::path& bridge,
+                                const System& system);
+Registration codexRegistration(int status, std::string_view output, const std::filesystem::path& bridge,
+                               const System& system);
 
 // The first JSON object in a program's answer: the whole text, or the text
 // from the first "{" that starts a line, so that warnings printed before the
@@ -54,13 +58,14 @@ Registration codexRegistration(int status, std::string_view output, const std::f
 std::optional<nlohmann::json> jsonObject(std::string_view output);
 
 // The agent's own add and remove commands for the bridge's entry.
-CommandResult add(const Agent& agent, const std::filesystem::path& bridge, const Settings& settings);
-CommandResult remove(const Agent& agent, const Settings& settings);
+Answer add(const Agent& agent, const std::filesystem::path& bridge, const Settings& settings, const System& system);
+Answer remove(const Agent& agent, const Settings& settings, const System& system);
 
 // The whole `install` and `uninstall` step for one agent: its MCP entry, then
 // its skill (unless the bridge serves the subject build).
 Outcome install(const Agent& agent, const std::filesystem::path& bridge, const SkillSource& skill,
-                const Settings& settings);
-Outcome uninstall(const Agent& agent, const std::filesystem::path& bridge, const Settings& settings);
+                const Settings& settings, const System& system);
+Outcome uninstall(const Agent& agent, const std::filesystem::path& bridge, const Settings& settings,
+                  const System& system);
 
 }  // namespace BridgeInstaller

@@ -1,11 +1,13 @@
 #include "installer/Settings.h"
 
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
+#include "platform/Executable.h"
 
 namespace BridgeInstaller {
 
-Settings Settings::current() {
-    return Settings{StudioLocation::serverName(), !StudioLocation::isSubject(), commandTimeout};
+Settings Settings::current(const platform::Environment& environment) {
+    auto identifier = StudioLocation::studioIdentifier(StudioLocation::appCandidate(platform::ownExecutable(), environment));
+    return Settings{StudioLocation::mcpServerName(identifier), identifier != StudioLocation::subjectIdentifier, commandTimeout, {}};
 }
 
 }  // namespace BridgeInstaller

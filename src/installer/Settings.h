@@ -6,6 +6,8 @@
 #pragma once
 #include <string>
 
+#include "platform/Environment.h"
+
 namespace BridgeInstaller {
 
 struct Settings {
@@ -21,8 +23,9 @@ struct Settings {
     // bus. Other agents pass their own environment on.
     std::string sessionBus;
 
-    // The values of the build this process serves.
-    static Settings current();
+    // The values of the build this process serves, found from its own
+    // location or the environment's VANTORIC_STUDIO_APP.
+    static Settings current(const platform::Environment& environment);
 };
 
 }  // namespace BridgeInstaller

@@ -2,7 +2,8 @@
 // how to work with Studio. The installer copies it to
 // <skills folder>/vantoric-studio/SKILL.md for each agent, reports whether it
 // is there, and removes it again. The steps add their parts to the agent's
-// Outcome; callers skip them for the subject build. Synchronous.
+// Outcome; callers skip them for the subject build. Synchronous; the files
+// are the ones given.
 #pragma once
 #include <filesystem>
 #include <optional>
@@ -31,18 +32,18 @@ struct SkillSource {
 
 // The skill text in the bundle's Contents/Resources: AgentLink/ first, then
 // directly there. Nothing when neither is a readable UTF-8 file.
-std::optional<std::string> skillText(const std::filesystem::path& app);
-SkillSource skillSource(const std::optional<std::filesystem::path>& app);
+std::optional<std::string> skillText(const std::filesystem::path& app, const platform::Files& files);
+SkillSource skillSource(const std::optional<std::filesystem::path>& app, const platform::Files& files);
 
 // <skills folder>/vantoric-studio/SKILL.md
 std::filesystem::path skillFile(const Agent& agent);
 
 // Writes the skill when the agent's copy differs from the source; a missing
 // source is reported but does not fail the agent.
-void installSkill(const Agent& agent, const SkillSource& source, Outcome& outcome);
+void installSkill(const Agent& agent, const SkillSource& source, Outcome& outcome, platform::Files& files);
 // Removes the skill file, and its folder when nothing else is left in it.
-void removeSkill(const Agent& agent, Outcome& outcome);
+void removeSkill(const Agent& agent, Outcome& outcome, platform::Files& files);
 // "skill installed" when a file is there, whatever it holds.
-void reportSkill(const Agent& agent, Outcome& outcome);
+void reportSkill(const Agent& agent, Outcome& outcome, const platform::Files& files);
 
 }  // namespace BridgeInstaller

@@ -2,50 +2,10 @@
 
 #include <utf8proc.h>
 
-#include <cstdint>
 #include <cstdlib>
 
 namespace BridgeInstaller::text {
 namespace {
-
-constexpr std::string_view replacement = "\xEF\xBF\xBD";
-
-// The length of the well-formed sequence starting at i, or 0 with `bad` set
-// to the number of bytes that form the maximal ill-formed subpart there.
-std::size_t sequenceAt(std::string_view bytes, std::size_t i, std::size_t& bad) {
-    auto at = [&](std::size_t k) { return static_cast<unsigned char>(bytes[k]); };
-    unsigned char lead = at(i);
-    if (lead < 0x80) return 1;
-    std::size_t length;
-    unsigned char low = 0x80, high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0) low = 0xA0;
-        if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0) low = 0x90;
-        if (lead == 0xF4) high = 0x8F;
-    } else {
-        bad = 1;
-        return 0;
-    }
-    for (std::size_t k = 1; k < length; ++k) {
-        if (i + k >= bytes.size()) {
-            bad = k;
-            return 0;
-        }
-        unsigned char c = at(i + k);
-        bool ok = k == 1 ? (c >= low && c <= high) : (c >= 0x80 && c <= 0xBF);
-        if (!ok) {
-            bad = k;
-            return 0;
-        }
-    }
-    return length;
-}
 
 // Decodes the code point at i of valid UTF-8 text; -1 and one byte when the
 // text is not valid there.
@@ -81,35 +41,6 @@ void append(std::string& out, utf8proc_int32_t cp) {
 }
 
 }  // namespace
-
-std::string decodedUTF8(std::string_view bytes) {
-    std::string out;
-    out.reserve(bytes.size());
-    std::size_t i = 0;
-    while (i < bytes.size()) {
-        std::size_t bad = 0;
-        std::size_t length = sequenceAt(bytes, i, bad);
-        if (length) {
-            out.append(bytes.substr(i, length));
-            i += length;
-        } else {
-            out.append(replacement);
-            i += bad;
-        }
-    }
-    return out;
-}
-
-bool isValidUTF8(std::string_view bytes) {
-    std::size_t i = 0;
-    while (i < bytes.size()) {
-        std::size_t bad = 0;
-        std::size_t length = sequenceAt(bytes, i, bad);
-        if (!length) return false;
-        i += length;
-    }
-    return true;
-}
 
 std::vector<std::string> lines(std::string_view text) {
     std::vector<std::string> result;

@@ -1,7 +1,7 @@
-// Unicode text helpers the installer shares: decoding bytes a child process or
-// a file gave us, trimming and splitting lines the way users see them, and
-// counting characters as people do (grapheme clusters). Pure functions over
-// UTF-8 strings; any thread may call them.
+// Unicode text helpers the installer shares: trimming and splitting lines the
+// way users see them, counting characters as people do (grapheme clusters),
+// lower case and canonical composition. Checking and repairing UTF-8 is
+// jsonc/UTF8.h's. Pure functions over UTF-8 strings; any thread may call them.
 #pragma once
 #include <cstddef>
 #include <string>
@@ -9,11 +9,6 @@
 #include <vector>
 
 namespace BridgeInstaller::text {
-
-// The bytes as UTF-8, each ill-formed sequence (maximal subpart) replaced by
-// U+FFFD, so that whatever a program printed can be shown and serialised.
-std::string decodedUTF8(std::string_view bytes);
-bool isValidUTF8(std::string_view bytes);
 
 // Line feed, vertical tab, form feed, carriage return (CR LF counts as one),
 // U+0085, U+2028 and U+2029 break lines; empty lines are dropped.

@@ -54,6 +54,26 @@ std::optional<Json> parseJSON(std::string_view text) {
     return value;
 }
 
+const Json* memberOf(const Json& object, std::string_view name) {
+    if (!object.is_object()) return nullptr;
+    auto member = object.find(std::string(name));
+    return member == object.end() ? nullptr : &*member;
+}
+
+Json* memberOf(Json& object, std::string_view name) {
+    return const_cast<Json*>(memberOf(static_cast<const Json&>(object), name));
+}
+
+const std::string* stringMember(const Json& object, std::string_view name) {
+    const Json* member = memberOf(object, name);
+    return member && member->is_string() ? &member->get_ref<const std::string&>() : nullptr;
+}
+
+bool isTrue(const Json& object, std::string_view name) {
+    const Json* member = memberOf(object, name);
+    return member && member->is_boolean() && member->get<bool>();
+}
+
 std::optional<Json> parseObject(std::string_view text) {
     auto value = parseJSON(text);
     if (!value || !value->is_object()) return std::nullopt;

@@ -157,6 +157,16 @@ std::optional<Json> parseJSON(std::string_view text);
 // The object a JSON text holds, or nothing.
 std::optional<Json> parseObject(std::string_view text);
 
+// The named member of an object, or nothing (also when the value is not an
+// object): the one lookup that every reader of the agent's and Studio's
+// JSON uses, since neither may be trusted to send the shape asked for.
+const Json* memberOf(const Json& object, std::string_view name);
+Json* memberOf(Json& object, std::string_view name);
+// The member when it is a string, or nothing.
+const std::string* stringMember(const Json& object, std::string_view name);
+// Whether the member is the boolean true.
+bool isTrue(const Json& object, std::string_view name);
+
 // Bytes as text anyone can read back: well-formed UTF-8 as it is, and each
 // byte of an ill-formed sequence, and NUL (which ends a C string), as
 // "\xNN", so that a path that is not

@@ -14,7 +14,7 @@
 #include <system_error>
 #include <vector>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 
 namespace fs = std::filesystem;
 

@@ -2,7 +2,7 @@
 
 #include <cctype>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "peer/StudioPeer.h"
 
 namespace {

@@ -7,7 +7,6 @@
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/experimental/concurrent_channel.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
@@ -15,17 +14,19 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 
-#include "link/BridgeError.h"
-#include "link/Cancellation.h"
+#include <boost/system/system_error.hpp>
+
+#include "base/BridgeError.h"
+#include "link/ByteStream.h"
+#include "link/LoopbackNetwork.h"
 #include "platform/Log.h"
 
 namespace asio = boost::asio;
-using tcp = asio::ip::tcp;
 using boost::system::error_code;
 
 namespace {
-using Socket = tcp::socket;
-Socket& socketOf(const std::shared_ptr<void>& connection) { return *static_cast<Socket*>(connection.get()); }
+
+[[noreturn]] void cancelled() { throw boost::system::system_error(asio::error::operation_aborted); }
 
 // Where connections are judged: reading /proc blocks, and must neither stall
 // the I/O thread nor wait behind a burst on it. Two threads, so that one slow
@@ -41,11 +42,14 @@ constexpr size_t maximumGreeted = 8;
 }  // namespace
 
 struct HandshakeListener::Network {
-    explicit Network(asio::any_io_executor executor)
-        : strand(asio::make_strand(executor)), acceptor(strand), replies(executor, 8) {}
+    Network(asio::any_io_executor executor, std::shared_ptr<LoopbackNetwork> loopback)
+        : loopback(loopback ? std::move(loopback) : systemLoopback()),
+          strand(asio::make_strand(executor)),
+          replies(executor, 8) {}
 
+    std::shared_ptr<LoopbackNetwork> loopback;
     asio::strand<asio::any_io_executor> strand;
-    tcp::acceptor acceptor;
+    std::unique_ptr<LoopbackAcceptor> acceptor;  // from start() on
     asio::steady_timer rejectionLog{strand};
     asio::steady_timer acceptPause{strand};
     // One element per reply line; a final eof element ends them. Only ever
@@ -55,16 +59,17 @@ struct HandshakeListener::Network {
 
 std::shared_ptr<HandshakeListener> HandshakeListener::create(asio::any_io_executor executor, const std::string& nonce,
                                                              std::string_view hello, std::filesystem::path app,
-                                                             VerifyPeer verifyPeer) {
+                                                             VerifyPeer verifyPeer,
+                                                             std::shared_ptr<LoopbackNetwork> network) {
     Json greeting = {{"hello", hello}, {"v", 3}, {"nonce", nonce}};
     std::string line = greeting.dump() + "\n";
-    return std::shared_ptr<HandshakeListener>(
-        new HandshakeListener(std::move(executor), std::move(line), std::move(app), std::move(verifyPeer)));
+    return std::shared_ptr<HandshakeListener>(new HandshakeListener(
+        std::move(executor), std::move(line), std::move(app), std::move(verifyPeer), std::move(network)));
 }
 
 HandshakeListener::HandshakeListener(asio::any_io_executor executor, std::string greeting, std::filesystem::path app,
-                                     VerifyPeer verifyPeer)
-    : network_(std::make_unique<Network>(std::move(executor))),
+                                     VerifyPeer verifyPeer, std::shared_ptr<LoopbackNetwork> network)
+    : network_(std::make_unique<Network>(std::move(executor), std::move(network))),
       greeting_(std::move(greeting)),
       app_(std::move(app)),
       verifyPeer_(std::make_shared<const VerifyPeer>(std::move(verifyPeer))) {}
@@ -83,13 +88,13 @@ bool HandshakeListener::isAlive() const {
 
 namespace {
 
-// On the listener's strand. A plain function rather than a capturing lambda:
-// a coroutine's parameters live in its frame, a lambda's captures do not.
-asio::awaitable<uint16_t> listen(tcp::acceptor& acceptor) {
-    acceptor.open(tcp::v4());
-    acceptor.bind({asio::ip::address_v4::loopback(), 0});
-    acceptor.listen();
-    co_return acceptor.local_endpoint().port();
+// On the listener's strand, which alone touches the acceptor. A plain
+// function rather than a capturing lambda: a coroutine's parameters live in
+// its frame, a lambda's captures do not.
+asio::awaitable<uint16_t> listen(LoopbackNetwork& network, std::unique_ptr<LoopbackAcceptor>& acceptor,
+                                 asio::any_io_executor strand) {
+    acceptor = network.listen(strand);
+    co_return acceptor->port();
 }
 
 }  // namespace
@@ -98,18 +103,19 @@ asio::awaitable<uint16_t> HandshakeListener::start() {
     auto self = shared_from_this();
     {
         std::lock_guard guard(lock_);
-        if (stopped_) cancellation::raise();
+        if (stopped_) cancelled();
     }
     // Not tied to the caller's cancellation: Asio's co_spawn forwards a
     // cancellation to a child that may have finished and been freed (seen as
     // a crash when the input ended while the listener started). stop() ends
     // the listening instead.
-    uint16_t port = co_await asio::co_spawn(network_->strand, listen(network_->acceptor),
+    uint16_t port = co_await asio::co_spawn(network_->strand,
+                                            listen(*network_->loopback, network_->acceptor, network_->strand),
                                             asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
     if (port == 0) throw BridgeError("Could not listen for Vantoric Studio.");
     {
         std::lock_guard guard(lock_);
-        if (stopped_) cancellation::raise();
+        if (stopped_) cancelled();
         port_ = port;
     }
     asio::post(network_->strand, [self] { self->acceptNext(); });
@@ -118,13 +124,16 @@ asio::awaitable<uint16_t> HandshakeListener::start() {
 
 void HandshakeListener::acceptNext() {
     std::weak_ptr<HandshakeListener> weak = weak_from_this();
-    network_->acceptor.async_accept(network_->strand, [weak](error_code ec, Socket socket) {
+    network_->acceptor->accept([weak](error_code ec, std::shared_ptr<ByteStream> connection,
+                                      asio::ip::tcp::endpoint from) {
         auto self = weak.lock();
-        if (!self || !self->network_->acceptor.is_open() || ec == asio::error::operation_aborted) return;
+        if (!self || !self->network_->acceptor->isOpen() || ec == asio::error::operation_aborted) return;
         if (!ec) {
-            auto connection = std::make_shared<Socket>(std::move(socket));
             self->open_.push_back(connection);
-            self->judge(connection, std::chrono::steady_clock::now());
+            if (from.address() == asio::ip::address_v4::loopback())
+                self->judge(connection, from.port(), std::chrono::steady_clock::now());
+            else
+                self->judged(connection, false);
             self->acceptNext();
             return;
         }
@@ -137,22 +146,21 @@ void HandshakeListener::acceptNext() {
     });
 }
 
-void HandshakeListener::judge(std::shared_ptr<void> connection, std::chrono::steady_clock::time_point acceptedAt) {
+void HandshakeListener::judge(std::shared_ptr<ByteStream> connection, uint16_t peer,
+                              std::chrono::steady_clock::time_point acceptedAt) {
     uint16_t local;
     {
         std::lock_guard guard(lock_);
         local = port_;
     }
-    error_code ec;
-    auto remote = socketOf(connection).remote_endpoint(ec);
-    if (ec || remote.address() != asio::ip::address_v4::loopback() || !*verifyPeer_) {
+    if (!*verifyPeer_) {
         judged(connection, false);
         return;
     }
-    // The judgement holds neither the listener nor the socket's use: only
-    // the strand touches the socket.
+    // The judgement holds neither the listener nor the connection's use:
+    // only the strand touches the connection.
     std::weak_ptr<HandshakeListener> weak = weak_from_this();
-    asio::post(judges(), [weak, verify = verifyPeer_, app = app_, peer = remote.port(), local, acceptedAt,
+    asio::post(judges(), [weak, verify = verifyPeer_, app = app_, peer, local, acceptedAt,
                           strand = network_->strand, connection]() mutable {
         if (weak.expired()) return;
         bool studio = (*verify)(app, peer, local, acceptedAt);
@@ -162,7 +170,7 @@ void HandshakeListener::judge(std::shared_ptr<void> connection, std::chrono::ste
     });
 }
 
-void HandshakeListener::judged(std::shared_ptr<void> connection, bool studio) {
+void HandshakeListener::judged(std::shared_ptr<ByteStream> connection, bool studio) {
     auto it = std::find(open_.begin(), open_.end(), connection);
     if (it == open_.end()) return;  // closed by stop() meanwhile
     bool greet = false;
@@ -180,26 +188,24 @@ void HandshakeListener::judged(std::shared_ptr<void> connection, bool studio) {
         return;
     }
     open_.erase(it);
-    error_code ignored;
-    socketOf(connection).close(ignored);
+    connection->close();
 }
 
-void HandshakeListener::greet(std::shared_ptr<void> connection) {
+void HandshakeListener::greet(std::shared_ptr<ByteStream> connection) {
     // The greeting outlives the write: it is a member and the write's
     // handler keeps the listener.
-    asio::async_write(socketOf(connection), asio::buffer(greeting_),
+    asio::async_write(*connection, asio::buffer(greeting_),
                       [keep = shared_from_this(), connection](error_code, size_t) {});
     read(connection, std::make_shared<std::string>());
 }
 
 // A greeted connection closed, failed or overflowed before its reply line:
 // it alone ends; the hand-over goes on.
-void HandshakeListener::ended(const std::shared_ptr<void>& connection) {
+void HandshakeListener::ended(const std::shared_ptr<ByteStream>& connection) {
     auto it = std::find(open_.begin(), open_.end(), connection);
     if (it == open_.end()) return;
     open_.erase(it);
-    error_code ignored;
-    socketOf(connection).close(ignored);
+    connection->close();
     std::lock_guard guard(lock_);
     if (greeted_ > 0) --greeted_;
 }
@@ -232,16 +238,15 @@ void HandshakeListener::logRejections() {
     lastRejectionLog_ = std::chrono::steady_clock::now();
 }
 
-void HandshakeListener::read(std::shared_ptr<void> connection, std::shared_ptr<std::string> buffer) {
+void HandshakeListener::read(std::shared_ptr<ByteStream> connection, std::shared_ptr<std::string> buffer) {
     std::weak_ptr<HandshakeListener> weak = weak_from_this();
     auto chunk = std::make_shared<std::array<char, chunkSize>>();
-    socketOf(connection).async_read_some(
+    connection->async_read_some(
         asio::buffer(*chunk), asio::bind_executor(network_->strand, [weak, connection, buffer, chunk](
                                                                         error_code ec, size_t n) {
             auto self = weak.lock();
             if (!self) {
-                error_code ignored;
-                socketOf(connection).close(ignored);
+                connection->close();
                 return;
             }
             buffer->append(chunk->data(), n);
@@ -258,7 +263,7 @@ void HandshakeListener::read(std::shared_ptr<void> connection, std::shared_ptr<s
 
 // The first reply line wins: its connection is the link's lifetime, and
 // everything else, listener included, is closed.
-void HandshakeListener::linkWith(const std::shared_ptr<void>& connection, std::string line) {
+void HandshakeListener::linkWith(const std::shared_ptr<ByteStream>& connection, std::string line) {
     bool first = false;
     {
         std::lock_guard guard(lock_);
@@ -267,23 +272,22 @@ void HandshakeListener::linkWith(const std::shared_ptr<void>& connection, std::s
             lifetime_ = connection;
         }
     }
-    error_code ignored;
     if (!first) {
         ended(connection);
         return;
     }
-    network_->acceptor.close(ignored);
+    network_->acceptor->close();
     for (auto& other : open_)
-        if (other != connection) socketOf(other).close(ignored);
+        if (other != connection) other->close();
     open_.clear();
     deliver(std::move(line));
     watchLifetime(connection);
 }
 
-void HandshakeListener::watchLifetime(std::shared_ptr<void> connection) {
+void HandshakeListener::watchLifetime(std::shared_ptr<ByteStream> connection) {
     std::weak_ptr<HandshakeListener> weak = weak_from_this();
     auto byte = std::make_shared<char>();
-    socketOf(connection).async_read_some(
+    connection->async_read_some(
         asio::buffer(byte.get(), 1),
         asio::bind_executor(network_->strand, [weak, connection, byte](error_code, size_t) {
             if (auto self = weak.lock()) self->stop();
@@ -303,7 +307,7 @@ void HandshakeListener::finishReplies() {
 }
 
 void HandshakeListener::stop() {
-    std::shared_ptr<void> taken;
+    std::shared_ptr<ByteStream> taken;
     {
         std::lock_guard guard(lock_);
         if (!stopped_) {
@@ -312,13 +316,12 @@ void HandshakeListener::stop() {
             lifetime_.reset();
         }
     }
-    // Sockets belong to the strand; the close happens there.
+    // Connections belong to the strand; the close happens there.
     asio::post(network_->strand, [self = shared_from_this(), taken] {
-        error_code ignored;
-        if (taken) socketOf(taken).close(ignored);
-        for (auto& connection : self->open_) socketOf(connection).close(ignored);
+        if (taken) taken->close();
+        for (auto& connection : self->open_) connection->close();
         self->open_.clear();
-        self->network_->acceptor.close(ignored);
+        if (self->network_->acceptor) self->network_->acceptor->close();
         self->logRejections();
     });
     finishReplies();
@@ -340,7 +343,7 @@ asio::awaitable<Json> HandshakeListener::reply(std::chrono::steady_clock::durati
             cancelWatchdog();
             if (ec == asio::error::eof)
                 throw BridgeError("Vantoric Studio did not answer. Open Studio, then call this tool again.");
-            cancellation::raise();
+            cancelled();
         }
         if (auto value = parseObject(line)) {
             cancelWatchdog();

@@ -34,6 +34,9 @@
 #include <string_view>
 #include <vector>
 
+class ByteStream;
+class LoopbackNetwork;
+
 class HandshakeListener : public std::enable_shared_from_this<HandshakeListener> {
 public:
     // Whether the connection accepted at `acceptedAt` from 127.0.0.1:peerPort
@@ -45,10 +48,12 @@ public:
     static constexpr size_t maximumLine = 65536;
 
     // Nothing is bound until start(). `executor` is the I/O executor the
-    // listener makes its own strand on.
+    // listener makes its own strand on; it listens on `network` (TCP unless
+    // told otherwise).
     static std::shared_ptr<HandshakeListener> create(boost::asio::any_io_executor executor, const std::string& nonce,
                                                      std::string_view hello, std::filesystem::path app,
-                                                     VerifyPeer verifyPeer);
+                                                     VerifyPeer verifyPeer,
+                                                     std::shared_ptr<LoopbackNetwork> network = nullptr);
     ~HandshakeListener();
 
     // Listens on 127.0.0.1 on a port the system chooses and returns it.
@@ -71,18 +76,19 @@ public:
 private:
     struct Network;
     HandshakeListener(boost::asio::any_io_executor executor, std::string greeting, std::filesystem::path app,
-                      VerifyPeer verifyPeer);
+                      VerifyPeer verifyPeer, std::shared_ptr<LoopbackNetwork> network);
 
     void acceptNext();
-    void judge(std::shared_ptr<void> connection, std::chrono::steady_clock::time_point acceptedAt);
-    void judged(std::shared_ptr<void> connection, bool studio);
-    void greet(std::shared_ptr<void> connection);
-    void ended(const std::shared_ptr<void>& connection);
+    void judge(std::shared_ptr<ByteStream> connection, uint16_t peerPort,
+               std::chrono::steady_clock::time_point acceptedAt);
+    void judged(std::shared_ptr<ByteStream> connection, bool studio);
+    void greet(std::shared_ptr<ByteStream> connection);
+    void ended(const std::shared_ptr<ByteStream>& connection);
     void rejected();
     void logRejections();
-    void read(std::shared_ptr<void> connection, std::shared_ptr<std::string> buffer);
-    void linkWith(const std::shared_ptr<void>& connection, std::string line);
-    void watchLifetime(std::shared_ptr<void> connection);
+    void read(std::shared_ptr<ByteStream> connection, std::shared_ptr<std::string> buffer);
+    void linkWith(const std::shared_ptr<ByteStream>& connection, std::string line);
+    void watchLifetime(std::shared_ptr<ByteStream> connection);
     void deliver(std::string line);
     void finishReplies();
 
@@ -96,11 +102,11 @@ private:
     bool stopped_ = false;
     size_t greeted_ = 0;  // verified connections open, awaiting their reply
     bool linked_ = false;
-    std::shared_ptr<void> lifetime_;
+    std::shared_ptr<ByteStream> lifetime_;
     bool repliesFinished_ = false;
 
     // On the listener's strand only.
-    std::vector<std::shared_ptr<void>> open_;  // accepted, not yet linked or closed
+    std::vector<std::shared_ptr<ByteStream>> open_;  // accepted, not yet linked or closed
     std::chrono::steady_clock::time_point lastRejectionLog_{};
     size_t unloggedRejections_ = 0;
     bool rejectionLogDue_ = false;

@@ -1,35 +1,25 @@
 #include "link/HttpSession.h"
 
-#include "link/BlockingWork.h"
-
-#include <fcntl.h>
-#include <sys/sendfile.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <boost/asio/as_tuple.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <boost/asio/this_coro.hpp>
+#include <boost/asio/ip/address.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
-#include <boost/beast/core/file_posix.hpp>
+#include <boost/beast/core/error.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/system/system_error.hpp>
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
 #include <map>
 #include <optional>
 
-#include "link/Cancellation.h"
+#include "link/BlockingWork.h"
+#include "link/UploadFile.h"
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
 using boost::system::error_code;
-using tcp = asio::ip::tcp;
 
 namespace {
 
@@ -37,8 +27,8 @@ constexpr uint64_t stringBodyLimit = 1ull << 30;
 constexpr size_t idlePerHost = 16;
 
 struct Connection {
-    explicit Connection(asio::any_io_executor executor) : stream(executor) {}
-    beast::tcp_stream stream;
+    explicit Connection(std::unique_ptr<ByteStream> stream) : stream(std::move(stream)) {}
+    std::unique_ptr<ByteStream> stream;
     beast::flat_buffer buffer;
     // Set when the request could not be sent whole: the answer may be read,
     // but the connection is good for nothing else.
@@ -51,7 +41,7 @@ const boost::system::error_category& httpCategory() {
 
 // A sentence like the ones agents know from other HTTP clients.
 [[noreturn]] void throwTransport(error_code ec) {
-    if (ec == asio::error::operation_aborted) cancellation::raise();
+    if (ec == asio::error::operation_aborted) throw boost::system::system_error(ec);
     if (ec == beast::error::timeout) throw TransportError("The request to Vantoric Studio timed out.");
     if (ec == asio::error::connection_refused)
         throw TransportError("Could not connect to Vantoric Studio: the connection was refused.");
@@ -61,15 +51,6 @@ const boost::system::error_category& httpCategory() {
     if (ec.category() == httpCategory())
         throw TransportError("Vantoric Studio sent a malformed HTTP answer (" + ec.message() + ").");
     throw TransportError("The connection to Vantoric Studio failed: " + ec.message() + ".");
-}
-
-// Studio closed an idle connection when the socket reads as ended (or
-// broken) without waiting; data nobody asked for spoils it as well.
-bool stillOpen(Connection& connection) {
-    char byte;
-    int fd = connection.stream.socket().native_handle();
-    ssize_t n = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
 }
 
 template <class Body>
@@ -84,41 +65,31 @@ void prepare(http::request<Body>& message, const HttpRequest& request) {
 }  // namespace
 
 struct HttpSession::Pool {
-    Pool(asio::any_io_executor executor, std::chrono::steady_clock::duration timeout)
-        : executor(std::move(executor)), timeout(timeout) {}
+    Pool(asio::any_io_executor executor, std::chrono::steady_clock::duration timeout,
+         std::shared_ptr<LoopbackNetwork> network)
+        : executor(std::move(executor)), timeout(timeout), network(std::move(network)) {}
 
     asio::any_io_executor executor;
     std::chrono::steady_clock::duration timeout;
+    std::shared_ptr<LoopbackNetwork> network;
     std::map<std::string, std::vector<std::unique_ptr<Connection>>> idle;
-    Counters counters;
 
-    struct Lease {
-        std::unique_ptr<Connection> connection;
-        bool reused = false;
-    };
-
-    asio::awaitable<Lease> acquire(const URL& url, bool fresh) {
-        auto key = url.authority();
-        auto& spare = idle[key];
-        while (!fresh && !spare.empty()) {
+    asio::awaitable<std::unique_ptr<Connection>> acquire(const URL& url) {
+        auto& spare = idle[url.authority()];
+        while (!spare.empty()) {
             auto connection = std::move(spare.back());
             spare.pop_back();
-            if (stillOpen(*connection)) {
-                ++counters.reused;
-                co_return Lease{std::move(connection), true};
-            }
+            // Studio closes an idle connection when it likes; data nobody
+            // asked for spoils one as well.
+            if (connection->stream->idleAndOpen()) co_return connection;
         }
         error_code ec;
         auto address = asio::ip::make_address(url.host.value_or(""), ec);
         if (ec || !url.port) throw TransportError("Vantoric Studio's address " + url.absoluteString() + " cannot be reached.");
-        auto connection = std::make_unique<Connection>(executor);
-        connection->stream.expires_after(timeout);
-        auto [connected] = co_await connection->stream.async_connect(tcp::endpoint(address, *url.port),
-                                                                    asio::as_tuple(asio::use_awaitable));
-        if (connected) throwTransport(connected);
-        connection->stream.socket().set_option(tcp::no_delay(true), ec);
-        ++counters.opened;
-        co_return Lease{std::move(connection), false};
+        auto connecting = network->connect(executor, address, *url.port, timeout);
+        auto connected = co_await std::move(connecting);
+        if (connected.error) throwTransport(connected.error);
+        co_return std::make_unique<Connection>(std::move(connected.stream));
     }
 
     void release(const URL& url, std::unique_ptr<Connection> connection) {
@@ -131,8 +102,8 @@ struct HttpSession::Pool {
     // for the next exchange when the server allows it.
     asio::awaitable<HttpResponse> finish(const URL& url, std::unique_ptr<Connection> connection,
                                          http::response_parser<http::string_body>& parser) {
-        connection->stream.expires_after(timeout);
-        auto [ec, n] = co_await http::async_read(connection->stream, connection->buffer, parser,
+        connection->stream->expiresAfter(timeout);
+        auto [ec, n] = co_await http::async_read(*connection->stream, connection->buffer, parser,
                                                  asio::as_tuple(asio::use_awaitable));
         if (ec) throwTransport(ec);
         auto response = parser.release();
@@ -149,19 +120,20 @@ struct HttpSession::Pool {
     // connection is only handed out when it still reads as open and empty.
     template <class Exchange>
     asio::awaitable<std::unique_ptr<Connection>> run(const URL& url, Exchange exchange) {
-        auto lease = co_await acquire(url, false);
-        auto [ec, answered] = co_await exchange(*lease.connection);
-        if (ec) throwTransport(ec);
-        co_return std::move(lease.connection);
+        auto connection = co_await acquire(url);
+        // Named, not a temporary of the co_await: GCC 12 destroys those twice.
+        auto exchanging = exchange(*connection);
+        error_code failed = co_await std::move(exchanging);
+        if (failed) throwTransport(failed);
+        co_return connection;
     }
 };
 
-HttpSession::HttpSession(asio::any_io_executor executor, std::chrono::steady_clock::duration timeout)
-    : pool_(std::make_unique<Pool>(std::move(executor), timeout)) {}
+HttpSession::HttpSession(asio::any_io_executor executor, std::chrono::steady_clock::duration timeout,
+                         std::shared_ptr<LoopbackNetwork> network)
+    : pool_(std::make_unique<Pool>(std::move(executor), timeout, network ? std::move(network) : systemLoopback())) {}
 
 HttpSession::~HttpSession() = default;
-
-HttpSession::Counters HttpSession::counters() const { return pool_->counters; }
 
 namespace {
 
@@ -169,29 +141,29 @@ namespace {
 // Processing) carry no body and are read past with a fresh parser, so that
 // the real answer is never left in the buffer for the next call.
 template <class Parser>
-asio::awaitable<std::pair<error_code, bool>> readFinalHeader(Connection& connection, std::optional<Parser>& parser,
-                                                             boost::optional<uint64_t> bodyLimit,
-                                                             std::chrono::steady_clock::duration timeout) {
+asio::awaitable<error_code> readFinalHeader(Connection& connection, std::optional<Parser>& parser,
+                                            boost::optional<uint64_t> bodyLimit,
+                                            std::chrono::steady_clock::duration timeout) {
     for (;;) {
         parser.emplace();
         parser->body_limit(bodyLimit);
-        connection.stream.expires_after(timeout);
-        auto [read, m] = co_await http::async_read_header(connection.stream, connection.buffer, *parser,
+        connection.stream->expiresAfter(timeout);
+        auto [read, m] = co_await http::async_read_header(*connection.stream, connection.buffer, *parser,
                                                           asio::as_tuple(asio::use_awaitable));
-        if (read) co_return std::pair{read, parser->got_some()};
+        if (read) co_return read;
         unsigned status = parser->get().result_int();
-        if (status < 100 || status >= 200 || status == 101) co_return std::pair{read, true};
+        if (status < 100 || status >= 200 || status == 101) co_return read;
     }
 }
 
+// The request, then the answer's header; the first failure.
 template <class Body, class Parser>
-asio::awaitable<std::pair<error_code, bool>> writeThenReadHeader(Connection& connection, http::request<Body>& message,
-                                                                 std::optional<Parser>& parser,
-                                                                 boost::optional<uint64_t> bodyLimit,
-                                                                 std::chrono::steady_clock::duration timeout) {
-    connection.stream.expires_after(timeout);
-    auto [written, n] = co_await http::async_write(connection.stream, message, asio::as_tuple(asio::use_awaitable));
-    if (written) co_return std::pair{written, false};
+asio::awaitable<error_code> writeThenReadHeader(Connection& connection, http::request<Body>& message,
+                                                std::optional<Parser>& parser, boost::optional<uint64_t> bodyLimit,
+                                                std::chrono::steady_clock::duration timeout) {
+    connection.stream->expiresAfter(timeout);
+    auto [written, n] = co_await http::async_write(*connection.stream, message, asio::as_tuple(asio::use_awaitable));
+    if (written) co_return written;
     co_return co_await readFinalHeader(connection, parser, bodyLimit, timeout);
 }
 
@@ -219,118 +191,46 @@ namespace {
 constexpr size_t uploadPiece = 1 << 20;
 constexpr size_t downloadPiece = 1 << 20;
 
-// A file being sent, closed on every way out.
-class SourceFile {
-public:
-    explicit SourceFile(const std::filesystem::path& path) : path_(path) {
-        // Without blocking: a named pipe or a device in place of the file
-        // would otherwise hold the open until someone writes to it.
-        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        struct stat info {};
-        if (fd_ < 0 || ::fstat(fd_, &info) != 0) fail(errno);
-        if (!S_ISREG(info.st_mode)) throw FileReadError("Cannot read " + path.string() + ".");
-        size_ = static_cast<uint64_t>(info.st_size);
-        ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
-    }
-    ~SourceFile() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    SourceFile(const SourceFile&) = delete;
-    SourceFile& operator=(const SourceFile&) = delete;
-
-    uint64_t size() const { return size_; }
-    int fd() const { return fd_; }
-
-    // The next bytes at `offset`, as many as fit, never none: a file that
-    // ends before the size it had at the start is a failure, not a short
-    // body.
-    size_t read(char* into, size_t capacity, uint64_t offset) const {
-        size_t want = static_cast<size_t>(std::min<uint64_t>(capacity, size_ - offset));
-        for (;;) {
-            ssize_t got = ::pread(fd_, into, want, static_cast<off_t>(offset));
-            if (got > 0) return static_cast<size_t>(got);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) fail(errno);
-            shrank();
-        }
-    }
-
-    [[noreturn]] void fail(int error) const {
-        throw FileReadError("Could not read " + path_.string() + ": " + std::strerror(error) + ".");
-    }
-    [[noreturn]] void shrank() const {
-        throw FileReadError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
-    }
-
-private:
-    std::filesystem::path path_;
-    int fd_ = -1;
-    uint64_t size_ = 0;
-};
-
-// Until the socket takes more bytes, or `timeout` passes (a timeout error).
-asio::awaitable<error_code> writable(Connection& connection, std::chrono::steady_clock::duration timeout) {
-    auto& socket = connection.stream.socket();
-    asio::steady_timer deadline(socket.get_executor(), timeout);
-    bool expired = false;
-    deadline.async_wait([&socket, &expired](error_code ec) {
-        if (ec) return;
-        expired = true;
-        socket.cancel(ec);
-    });
-    auto [ec] = co_await socket.async_wait(tcp::socket::wait_write, asio::as_tuple(asio::use_awaitable));
-    deadline.cancel();
-    if (expired) co_return error_code(beast::error::timeout);
-    co_return ec;
-}
-
 // Studio may refuse an upload before reading its body (too large, a bad
 // name) and close: the refusal is then waiting to be read, and it is what
 // the agent must hear, not the broken pipe it caused.
 template <class Parser>
-asio::awaitable<std::pair<error_code, bool>> answeredEarly(Connection& connection, error_code failure,
-                                                           std::optional<Parser>& parser) {
+asio::awaitable<error_code> answeredEarly(Connection& connection, error_code failure, std::optional<Parser>& parser) {
     connection.spoiled = true;
-    if (failure == asio::error::operation_aborted || failure == beast::error::timeout) co_return std::pair{failure, false};
-    auto [read, got] = co_await readFinalHeader(connection, parser, stringBodyLimit, std::chrono::seconds(1));
-    if (read) co_return std::pair{failure, false};
-    co_return std::pair{read, got};
+    if (failure == asio::error::operation_aborted || failure == beast::error::timeout) co_return failure;
+    auto reading = readFinalHeader(connection, parser, stringBodyLimit, std::chrono::seconds(1));
+    error_code read = co_await std::move(reading);
+    co_return read ? failure : error_code();
 }
 
-// The header, then the file's bytes, then the answer's header; the same
-// shape of outcome as writeThenReadHeader. The bytes go from the page cache
-// to the socket by sendfile; a file that sendfile cannot read is read into
-// `piece` and written instead.
+// The header, then the file's bytes, then the answer's header; the first
+// failure. The bytes go straight from the file where the stream can send
+// them so (sendfile); otherwise they are read into `piece` and written.
 template <class Parser>
-asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection& connection,
-                                                                     http::request<http::empty_body>& message,
-                                                                     const SourceFile& source, std::vector<char>& piece,
-                                                                     const HttpSession::Sent& sent,
-                                                                     std::optional<Parser>& parser,
-                                                                     std::chrono::steady_clock::duration timeout) {
+asio::awaitable<error_code> writeFileThenReadHeader(Connection& connection, http::request<http::empty_body>& message,
+                                                    const UploadFile& source, std::vector<char>& piece,
+                                                    const HttpSession::Sent& sent, std::optional<Parser>& parser,
+                                                    std::chrono::steady_clock::duration timeout) {
     http::request_serializer<http::empty_body> head(message);
-    connection.stream.expires_after(timeout);
-    auto [written, n] = co_await http::async_write_header(connection.stream, head, asio::as_tuple(asio::use_awaitable));
-    if (written) co_return std::pair{written, false};
+    connection.stream->expiresAfter(timeout);
+    auto [written, n] = co_await http::async_write_header(*connection.stream, head, asio::as_tuple(asio::use_awaitable));
+    if (written) co_return written;
     bool zeroCopy = true;
     for (uint64_t offset = 0; offset < source.size();) {
         if (zeroCopy) {
-            error_code ec;
-            connection.stream.socket().native_non_blocking(true, ec);
-            off_t at = static_cast<off_t>(offset);
             size_t most = static_cast<size_t>(std::min<uint64_t>(source.size() - offset, 1u << 30));
-            ssize_t put = ::sendfile(connection.stream.socket().native_handle(), source.fd(), &at, most);
-            if (put > 0) {
-                offset += static_cast<uint64_t>(put);
+            auto put = connection.stream->sendFromFile(source.fd(), offset, most);
+            if (put.bytes > 0) {
+                offset += put.bytes;
                 if (sent) sent(offset, source.size());
                 continue;
             }
-            if (put == 0) source.shrank();
-            int error = errno;
-            if (error == EINTR) continue;
+            int error = put.error;
+            if (error == 0) source.shrank();
             if (error == EAGAIN || error == EWOULDBLOCK) {
-                auto waited = co_await writable(connection, timeout);
-                if (waited) co_return std::pair{waited, false};
+                auto waiting = connection.stream->writable(timeout);
+                auto waited = co_await std::move(waiting);
+                if (waited) co_return waited;
                 continue;
             }
             if (error == EINVAL || error == ENOSYS || error == EOPNOTSUPP) {
@@ -343,8 +243,8 @@ asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection&
         }
         if (piece.empty()) piece.resize(uploadPiece);
         size_t got = source.read(piece.data(), piece.size(), offset);
-        connection.stream.expires_after(timeout);
-        auto [ec, m] = co_await asio::async_write(connection.stream, asio::buffer(piece.data(), got),
+        connection.stream->expiresAfter(timeout);
+        auto [ec, m] = co_await asio::async_write(*connection.stream, asio::buffer(piece.data(), got),
                                                   asio::as_tuple(asio::use_awaitable));
         if (ec) co_return co_await answeredEarly(connection, ec, parser);
         offset += got;
@@ -358,7 +258,7 @@ asio::awaitable<std::pair<error_code, bool>> writeFileThenReadHeader(Connection&
 asio::awaitable<HttpResponse> HttpSession::sendFile(HttpRequest request, std::filesystem::path file, Sent sent) {
     // Opened before any connection is made: a file that cannot be read
     // costs Studio nothing.
-    auto source = co_await blocking::run([&file] { return std::make_unique<SourceFile>(file); });
+    auto source = co_await blocking::run([&file] { return UploadFile::open(file); });
     std::vector<char> piece;
     http::request<http::empty_body> message;
     std::optional<http::response_parser<http::string_body>> parser;
@@ -399,8 +299,8 @@ asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, F
         body.size = piece.size();
         // A whole piece per write: the sink's writes cost a thread hop each.
         while (body.size > 0 && !parser.is_done()) {
-            connection->stream.expires_after(pool_->timeout);
-            auto [ec, n] = co_await http::async_read_some(connection->stream, connection->buffer, parser,
+            connection->stream->expiresAfter(pool_->timeout);
+            auto [ec, n] = co_await http::async_read_some(*connection->stream, connection->buffer, parser,
                                                           asio::as_tuple(asio::use_awaitable));
             if (ec == http::error::need_buffer) ec = {};
             if (ec) throwTransport(ec);

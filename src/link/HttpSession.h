@@ -9,11 +9,14 @@
 // memory; a file that is sent is opened off the I/O thread, without
 // blocking, and only when it is a regular file.
 //
+// The exchanges run over the loopback network given at construction (TCP
+// unless told otherwise), so they can be tested over in-memory streams.
+//
 // Owned by the bridge and used only from its strand (the executor given at
 // construction); several exchanges may be in flight at once. Transport
 // failures are thrown as TransportError with a sentence for the agent, a
-// file that cannot be read while it is sent as FileReadError, cancellation as
-// cancellation.
+// file that cannot be read while it is sent as BridgeError, cancellation as
+// Asio's operation_aborted.
 #pragma once
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
@@ -21,11 +24,12 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/BridgeError.h"
+#include "link/LoopbackNetwork.h"
 #include "peer/URL.h"
 
 struct HttpRequest {
@@ -40,14 +44,12 @@ struct HttpResponse {
     std::string body;
 };
 
-class TransportError : public std::runtime_error {
+// The exchange could not begin or broke off; Studio may or may not have
+// acted on the request. Told apart from Studio's own refusals where a copy
+// cut short by it reads as stopped rather than failed.
+class TransportError : public BridgeError {
 public:
-    using std::runtime_error::runtime_error;
-};
-
-class FileReadError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
+    using BridgeError::BridgeError;
 };
 
 class HttpSession {
@@ -55,7 +57,8 @@ public:
     static constexpr std::chrono::seconds defaultTimeout{600};
 
     explicit HttpSession(boost::asio::any_io_executor executor,
-                         std::chrono::steady_clock::duration timeout = defaultTimeout);
+                         std::chrono::steady_clock::duration timeout = defaultTimeout,
+                         std::shared_ptr<LoopbackNetwork> network = nullptr);
     ~HttpSession();
     HttpSession(const HttpSession&) = delete;
     HttpSession& operator=(const HttpSession&) = delete;
@@ -69,7 +72,7 @@ public:
     // The request with the file's bytes as its body, read in large pieces as
     // they are sent (never the whole file in memory). The body is as long as
     // the file was when the sending began; a file that shrinks or cannot be
-    // read meanwhile fails the exchange with FileReadError and its
+    // read meanwhile fails the exchange with a BridgeError and its
     // connection, which Studio then sees cut short.
     boost::asio::awaitable<HttpResponse> sendFile(HttpRequest request, std::filesystem::path file, Sent sent = {});
     // Where a received body goes, in order: `open` once the status is the
@@ -84,13 +87,6 @@ public:
     // it arrives. Returns the status either way; any other status leaves
     // the sink unopened and the body unread.
     boost::asio::awaitable<int> receiveFile(HttpRequest request, int wanted, FileSink& sink);
-
-    // Connections opened and reused so far, for tests and benchmarks.
-    struct Counters {
-        int opened = 0;
-        int reused = 0;
-    };
-    Counters counters() const;
 
 private:
     struct Pool;

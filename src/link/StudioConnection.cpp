@@ -1,13 +1,5 @@
 #include "link/StudioConnection.h"
 
-#include "link/BlockingWork.h"
-#include "link/DownloadFile.h"
-
-#include <fcntl.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/co_spawn.hpp>
@@ -17,26 +9,44 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <cstdlib>
+#include <boost/system/system_error.hpp>
 #include <random>
 
-#include "link/BridgeError.h"
-#include "link/Cancellation.h"
+#include "base/BridgeError.h"
+#include "base/StudioLocation.h"
+#include "link/BlockingWork.h"
+#include "link/DownloadFile.h"
 #include "link/HandoverReply.h"
 #include "link/HttpSession.h"
 #include "link/Once.h"
-#include "link/StudioLocation.h"
 #include "peer/StudioPeer.h"
 #include "platform/ApplicationLauncher.h"
 #include "platform/Crypto.h"
+#include "platform/Environment.h"
+#include "platform/Hex.h"
 #include "platform/Log.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunningApplications.h"
-#include "platform/Environment.h"
 
 namespace asio = boost::asio;
 namespace fs = std::filesystem;
 using boost::system::error_code;
+
+namespace {
+
+[[noreturn]] void cancelled() { throw boost::system::system_error(asio::error::operation_aborted); }
+
+bool isCancellation(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const boost::system::system_error& error) {
+        return error.code() == asio::error::operation_aborted;
+    } catch (...) {
+        return false;
+    }
+}
+
+}  // namespace
 
 LinkDurations LinkDurations::fromEnvironment(const std::map<std::string, std::string>& environment) {
     LinkDurations durations;
@@ -78,7 +88,7 @@ StudioConnection::StudioConnection(asio::any_io_executor strand, asio::any_io_ex
       clientName_(std::move(clientName)),
       services_(std::move(services)),
       durations_(durations),
-      session_(std::make_unique<HttpSession>(strand_, durations.httpTimeout)),
+      session_(std::make_unique<HttpSession>(strand_, durations.httpTimeout, services_.network)),
       link_(std::move(link)) {
     if (!services_.verifyPeer) {
         services_.verifyPeer = [peer = services_.peer](const fs::path& app, uint16_t peerPort, uint16_t localPort,
@@ -93,8 +103,8 @@ StudioConnection::~StudioConnection() = default;
 // ---------------------------------------------------------------------------
 // Waiting for an establishment
 
-asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> task,
-                                                std::chrono::steady_clock::duration duration) {
+asio::awaitable<std::optional<Link>> StudioConnection::waiting(std::shared_ptr<PendingLink> task,
+                                                               std::chrono::steady_clock::duration duration) {
     // The initiation is a named local, not a temporary of the co_await
     // expression: GCC 12 destroys such temporaries twice, and this one holds
     // the task.
@@ -113,7 +123,7 @@ asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> tas
             race->handler.emplace(std::move(handler));
 
             // Only the racer that claims the Once gets here.
-            auto resume = [](const std::shared_ptr<Race>& race, std::exception_ptr error, Link link) {
+            auto resume = [](const std::shared_ptr<Race>& race, std::exception_ptr error, std::optional<Link> link) {
                 if (race->slot.is_connected()) race->slot.clear();
                 Handler handler = std::move(*race->handler);
                 race->handler.reset();
@@ -128,10 +138,10 @@ asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> tas
             task->onFinish([race, task, resume] {
                 if (!race->once.claim()) return;
                 race->timer.cancel();
-                resume(race, task->error, task->link.value_or(Link{}));
+                resume(race, task->error, task->link);
             });
             race->timer.async_wait([race, resume](error_code) {
-                if (race->once.claim()) resume(race, std::make_exception_ptr(TimeoutError{}), Link{});
+                if (race->once.claim()) resume(race, nullptr, std::nullopt);
             });
             if (race->slot.is_connected()) {
                 race->slot.assign([race, resume](asio::cancellation_type) {
@@ -141,12 +151,13 @@ asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> tas
                         resume(race,
                                std::make_exception_ptr(
                                    boost::system::system_error(asio::error::operation_aborted)),
-                               Link{});
+                               std::nullopt);
                     });
                 });
             }
         };
-    auto operation = asio::async_initiate<const asio::use_awaitable_t<>&, void(std::exception_ptr, Link)>(
+    auto operation =
+        asio::async_initiate<const asio::use_awaitable_t<>&, void(std::exception_ptr, std::optional<Link>)>(
         std::move(initiation), asio::use_awaitable);
     co_return co_await std::move(operation);
 }
@@ -156,7 +167,7 @@ asio::awaitable<Link> StudioConnection::waiting(std::shared_ptr<PendingLink> tas
 
 asio::awaitable<Link> StudioConnection::connect() {
     auto self = shared_from_this();
-    if (stopped_) cancellation::raise();
+    if (stopped_) cancelled();
     if (link_) {
         if (!link_->lifetime || link_->lifetime->isAlive()) co_return *link_;
         link_.reset();
@@ -178,20 +189,21 @@ asio::awaitable<Link> StudioConnection::connect() {
     std::optional<Link> link;
     try {
         link = co_await waiting(task, durations_.linkWait);
-    } catch (const TimeoutError&) {
+    } catch (...) {
+        // A cancelled wait cancels only this call; the establishment goes on.
+        if (!isCancellation(std::current_exception()) || task->done) clear();
+        throw;
+    }
+    if (!link) {
         throw BridgeError(
             "Waiting for permission in Vantoric Studio. Ask the person to choose Allow in Studio, then call this "
             "tool again.");
-    } catch (...) {
-        // A cancelled wait cancels only this call; the establishment goes on.
-        if (!cancellation::is(std::current_exception()) || task->done) clear();
-        throw;
     }
     platform::log("connected to Studio at " + link->endpoint.absoluteString());
     if (stopped_) {
         if (link->lifetime) link->lifetime->stop();
         clear();
-        cancellation::raise();
+        cancelled();
     }
     link_ = *link;
     clear();
@@ -226,7 +238,7 @@ asio::awaitable<void> StudioConnection::establishing(std::shared_ptr<StudioConne
 
 asio::awaitable<void> StudioConnection::checkCancelled() const {
     auto state = co_await asio::this_coro::cancellation_state;
-    if (state.cancelled() != asio::cancellation_type::none || stopped_) cancellation::raise();
+    if (state.cancelled() != asio::cancellation_type::none || stopped_) cancelled();
 }
 
 std::string StudioConnection::makeNonce() {
@@ -235,13 +247,7 @@ std::string StudioConnection::makeNonce() {
         std::random_device fallback;
         for (auto& b : bytes) b = static_cast<uint8_t>(fallback());
     }
-    static const char digits[] = "0123456789abcdef";
-    std::string nonce;
-    for (uint8_t b : bytes) {
-        nonce.push_back(digits[b >> 4]);
-        nonce.push_back(digits[b & 15]);
-    }
-    return nonce;
+    return platform::hex(bytes);
 }
 
 // Announcements after the first, until Studio made contact, the attempts are
@@ -275,7 +281,8 @@ asio::awaitable<Link> StudioConnection::establish() {
     }
     const fs::path app = *app_;
     std::string nonce = makeNonce();
-    auto listener = HandshakeListener::create(io_, nonce, services_.hello, app, services_.verifyPeer);
+    auto listener =
+        HandshakeListener::create(io_, nonce, services_.hello, app, services_.verifyPeer, services_.network);
     lifetimeListener_ = listener;
 
     auto announcing = std::make_shared<asio::cancellation_signal>();
@@ -326,7 +333,7 @@ asio::awaitable<Link> StudioConnection::establish() {
         auto reply = co_await listener->reply(durations_.replyTimeout);
         auto endpoints = HandoverReply::validated(reply);
         co_await checkCancelled();
-        if (!listener->isAlive()) cancellation::raise();
+        if (!listener->isAlive()) cancelled();
         announcing->emit(asio::cancellation_type::terminal);
         co_return Link{endpoints.endpoint, endpoints.files, endpoints.token, listener};
     } catch (...) {
@@ -334,7 +341,7 @@ asio::awaitable<Link> StudioConnection::establish() {
         listener->stop();
         // The shutdown stops the listener first, which ends the wait for the
         // reply like a silent Studio would; it is still a cancellation.
-        if (stopped_) cancellation::raise();
+        if (stopped_) cancelled();
         throw;
     }
 }
@@ -471,6 +478,6 @@ asio::awaitable<void> StudioConnection::download(std::string downloadId, fs::pat
     }
     if (!failure) co_return;
     // A cancelled call gives no answer; its file goes when the sink does.
-    if (!cancellation::is(failure)) co_await sink.abandon();
+    if (!isCancellation(failure)) co_await sink.abandon();
     std::rethrow_exception(failure);
 }

@@ -39,12 +39,7 @@ class SecureRandom;
 }  // namespace platform
 class StudioPeer;
 class HttpSession;
-
-// What `waiting(for:at:)` throws when the duration passes first.
-struct TimeoutError : std::exception {
-    const char* what() const noexcept override { return "timed out"; }
-};
-
+class LoopbackNetwork;
 
 // The fixed durations of the link; tests shorten them, nothing else changes.
 struct LinkDurations {
@@ -74,6 +69,9 @@ public:
         std::string bundleIdentifier;
         std::string notificationName;
         std::string hello;
+        // What the hand-over and the HTTP exchanges run over: the system's
+        // TCP loopback when empty.
+        std::shared_ptr<LoopbackNetwork> network = nullptr;
 
         // The Linux services and this process's identity values.
         static Services system();
@@ -113,10 +111,10 @@ public:
     // the link dropped, the pending establishment cancelled.
     void stop();
 
-    // The task's link or error, or TimeoutError when `duration` passes first;
-    // the task goes on either way. Cancelling the wait cancels only the wait.
-    static boost::asio::awaitable<Link> waiting(std::shared_ptr<PendingLink> task,
-                                                std::chrono::steady_clock::duration duration);
+    // The task's link or error, or nothing when `duration` passes first; the
+    // task goes on either way. Cancelling the wait cancels only the wait.
+    static boost::asio::awaitable<std::optional<Link>> waiting(std::shared_ptr<PendingLink> task,
+                                                               std::chrono::steady_clock::duration duration);
 
     int64_t nextId() const { return nextId_; }
     bool stopped() const { return stopped_; }

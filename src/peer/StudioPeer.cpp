@@ -6,6 +6,7 @@
 #include "platform/CodeSigning.h"
 #include "platform/Crypto.h"
 #include "platform/Executable.h"
+#include "platform/Hex.h"
 #include "platform/ProcessSockets.h"
 #include "platform/RunningApplications.h"
 
@@ -122,13 +123,7 @@ std::optional<std::string> StudioPeer::unusableCopy(const fs::path& app) const {
 }
 
 std::string StudioPeer::challenge(std::string_view nonce) {
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    for (uint8_t byte : platform::sha256(nonce)) {
-        hex.push_back(digits[byte >> 4]);
-        hex.push_back(digits[byte & 15]);
-    }
-    return hex;
+    return platform::hex(platform::sha256(nonce));
 }
 
 std::optional<URL> StudioPeer::loopback(const std::optional<std::string>& text, std::string_view path) {

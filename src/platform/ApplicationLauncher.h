@@ -55,6 +55,8 @@ private:
     LinuxSessionBus& bus_;
 };
 
+// The process's own, never destroyed: work still running on a pool thread
+// may use it while the process exits.
 ApplicationLauncher& systemApplicationLauncher();
 
 }  // namespace platform

@@ -165,8 +165,8 @@ std::optional<SystemError> LinuxApplicationLauncher::openURLs(const std::vector<
 }
 
 ApplicationLauncher& systemApplicationLauncher() {
-    static LinuxApplicationLauncher launcher(systemBundles(), systemSessionBus());
-    return launcher;
+    static auto* launcher = new LinuxApplicationLauncher(systemBundles(), systemSessionBus());
+    return *launcher;
 }
 
 }  // namespace platform

@@ -37,7 +37,8 @@ public:
     std::optional<BundleInfo> open(const std::filesystem::path& app) const override;
 };
 
-// The process-wide real instance.
+// The process's own, never destroyed: work still running on a pool thread
+// may use it while the process exits.
 const Bundles& systemBundles();
 
 }  // namespace platform

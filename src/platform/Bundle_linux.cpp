@@ -52,8 +52,8 @@ std::optional<BundleInfo> LinuxBundles::open(const std::filesystem::path& app) c
 }
 
 const Bundles& systemBundles() {
-    static const LinuxBundles bundles;
-    return bundles;
+    static const auto* bundles = new LinuxBundles;
+    return *bundles;
 }
 
 }  // namespace platform

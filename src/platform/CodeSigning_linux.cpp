@@ -75,8 +75,8 @@ bool LinuxCodeSigning::check(pid_t pid, const std::string& requirement, bool unh
 }
 
 const CodeSigning& systemCodeSigning() {
-    static LinuxCodeSigning signing(systemBundles());
-    return signing;
+    static const auto* signing = new LinuxCodeSigning(systemBundles());
+    return *signing;
 }
 
 }  // namespace platform

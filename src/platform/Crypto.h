@@ -22,6 +22,8 @@ public:
     bool fill(std::span<uint8_t> bytes) override;
 };
 
+// The process's own, never destroyed: work still running on a pool thread
+// may use it while the process exits.
 SecureRandom& systemSecureRandom();
 
 }  // namespace platform

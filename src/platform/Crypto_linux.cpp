@@ -26,8 +26,8 @@ bool LinuxSecureRandom::fill(std::span<uint8_t> bytes) {
 }
 
 SecureRandom& systemSecureRandom() {
-    static LinuxSecureRandom random;
-    return random;
+    static auto* random = new LinuxSecureRandom;
+    return *random;
 }
 
 }  // namespace platform

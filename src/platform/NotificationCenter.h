@@ -35,6 +35,8 @@ private:
     LinuxSessionBus& bus_;
 };
 
+// The process's own, never destroyed: work still running on a pool thread
+// may use it while the process exits.
 NotificationCenter& systemNotificationCenter();
 
 }  // namespace platform

@@ -9,8 +9,8 @@ std::optional<SystemError> LinuxNotificationCenter::post(const std::string& name
 }
 
 NotificationCenter& systemNotificationCenter() {
-    static LinuxNotificationCenter center(systemSessionBus());
-    return center;
+    static auto* center = new LinuxNotificationCenter(systemSessionBus());
+    return *center;
 }
 
 }  // namespace platform

@@ -1,5 +1,7 @@
 #include "platform/PercentEncoding.h"
 
+#include "platform/Hex.h"
+
 namespace platform {
 
 bool isUnreserved(unsigned char c) {
@@ -8,7 +10,6 @@ bool isUnreserved(unsigned char c) {
 }
 
 std::string percentEncode(std::string_view text, std::string_view keep) {
-    static const char hex[] = "0123456789ABCDEF";
     std::string out;
     out.reserve(text.size());
     for (unsigned char c : text) {
@@ -16,8 +17,7 @@ std::string percentEncode(std::string_view text, std::string_view keep) {
             out.push_back(static_cast<char>(c));
         } else {
             out.push_back('%');
-            out.push_back(hex[c >> 4]);
-            out.push_back(hex[c & 15]);
+            appendHex(out, c, true);
         }
     }
     return out;

@@ -50,6 +50,8 @@ private:
     std::filesystem::path proc_;
 };
 
+// The process's own, never destroyed: work still running on a pool thread
+// may use it while the process exits.
 const ProcessSockets& systemProcessSockets();
 
 // The processes listed in `proc`, by ascending pid.

@@ -182,8 +182,8 @@ std::optional<std::vector<pid_t>> LinuxProcessSockets::holders(uint64_t inode) c
 }
 
 const ProcessSockets& systemProcessSockets() {
-    static LinuxProcessSockets sockets;
-    return sockets;
+    static const auto* sockets = new LinuxProcessSockets;
+    return *sockets;
 }
 
 }  // namespace platform

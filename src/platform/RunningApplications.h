@@ -54,6 +54,8 @@ private:
     std::filesystem::path proc_;
 };
 
+// The process's own, never destroyed: work still running on a pool thread
+// may use it while the process exits.
 const RunningApplications& systemRunningApplications();
 
 // The bundle whose main executable is this path (" (deleted)" removed), if

@@ -154,8 +154,8 @@ std::vector<pid_t> LinuxRunningApplications::runningFrom(const fs::path& app) co
 }
 
 const RunningApplications& systemRunningApplications() {
-    static LinuxRunningApplications running(systemBundles(), &systemSessionBus());
-    return running;
+    static const auto* running = new LinuxRunningApplications(systemBundles(), &systemSessionBus());
+    return *running;
 }
 
 }  // namespace platform

@@ -77,7 +77,9 @@ private:
     std::chrono::steady_clock::time_point failedAt_;
 };
 
-// The process-wide connection used by the real services below.
+// The process-wide connection used by the real services below, never
+// destroyed: work still running on a pool thread may use it while the
+// process exits.
 LinuxSessionBus& systemSessionBus();
 
 }  // namespace platform

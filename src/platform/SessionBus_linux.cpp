@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/Hex.h"
 #include "platform/SessionBus.h"
 
 namespace platform {
@@ -58,15 +59,13 @@ const SdBus& sd() {
 
 // Bytes outside this set are written %XX in a D-Bus address.
 std::string escapedAddressValue(const std::string& value) {
-    static const char digits[] = "0123456789abcdef";
     std::string out;
     for (unsigned char c : value) {
         if (std::isalnum(c) || c == '-' || c == '_' || c == '/' || c == '.' || c == '\\' || c == '*') {
             out.push_back(static_cast<char>(c));
         } else {
             out.push_back('%');
-            out.push_back(digits[c >> 4]);
-            out.push_back(digits[c & 15]);
+            appendHex(out, c);
         }
     }
     return out;
@@ -274,8 +273,8 @@ std::optional<SystemError> LinuxSessionBus::openURIs(const std::string& name, co
 }
 
 LinuxSessionBus& systemSessionBus() {
-    static LinuxSessionBus bus;
-    return bus;
+    static auto* bus = new LinuxSessionBus;
+    return *bus;
 }
 
 }  // namespace platform

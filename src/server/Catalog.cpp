@@ -1,47 +1,20 @@
 #include "server/Catalog.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utf8proc.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
+#include "platform/Files.h"
 
 namespace fs = std::filesystem;
 
+namespace server {
+
 namespace {
 
-std::optional<std::string> readWholeFile(const fs::path& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::string bytes;
-    if (struct stat info{}; ::fstat(fd, &info) == 0 && info.st_size > 0)
-        bytes.reserve(static_cast<size_t>(info.st_size));
-    char buffer[65536];
-    for (;;) {
-        ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {  // a folder opens but does not read
-            ::close(fd);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        bytes.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(fd);
-    return bytes;
-}
-
-const std::string* stringMember(const Json& object, std::string_view name) {
-    if (!object.is_object()) return nullptr;
-    auto it = object.find(std::string(name));
-    if (it == object.end() || !it->is_string()) return nullptr;
-    return &it->get_ref<const std::string&>();
-}
+std::optional<std::string> readWholeFile(const fs::path& path) { return platform::systemFiles().read(path).bytes; }
 
 // ---- names as user-perceived characters ----
 
@@ -391,3 +364,5 @@ std::optional<std::string> Catalog::closest(std::string_view name, const std::ve
     if (bestDistance == 0 || (given.size() >= 4 && bestDistance <= given.size() / 3)) return among[best];
     return std::nullopt;
 }
+
+}  // namespace server

@@ -12,6 +12,8 @@
 #include "platform/Log.h"
 #include "server/StudioMCPBridge.h"
 
+namespace server {
+
 void LineSplitter::feed(std::string_view bytes, std::vector<std::string_view>& lines) {
     joined_.clear();
     size_t end = bytes.find('\n');
@@ -102,3 +104,5 @@ std::thread startInputLoop(int fd, std::shared_ptr<StudioMCPBridge> bridge, std:
         finished();
     });
 }
+
+}  // namespace server

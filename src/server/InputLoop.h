@@ -16,7 +16,10 @@
 #include <thread>
 #include <vector>
 
+namespace server {
+
 class StudioMCPBridge;
+
 
 // Cuts a byte stream into lines. Plain value; one thread at a time.
 class LineSplitter {
@@ -36,3 +39,5 @@ private:
 
 // Starts the reading thread on `fd`; the caller joins it.
 std::thread startInputLoop(int fd, std::shared_ptr<StudioMCPBridge> bridge, std::function<void()> finished);
+
+}  // namespace server

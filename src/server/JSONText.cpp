@@ -1,6 +1,8 @@
 #include "server/JSONText.h"
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
+
+namespace server {
 
 namespace {
 
@@ -34,3 +36,4 @@ std::string JSONText::text() const {
 
 std::string compactJSON(const Json& object) { return JSONText{object}.text(); }
 
+}  // namespace server

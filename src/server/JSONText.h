@@ -10,6 +10,8 @@
 
 #include "json/Json.h"
 
+namespace server {
+
 // A JSON value to be written as compact text.
 struct JSONText {
     Json value;
@@ -21,3 +23,5 @@ struct JSONText {
 
 // The compact JSON text of a value; throws as JSONText::text does.
 std::string compactJSON(const Json& object);
+
+}  // namespace server

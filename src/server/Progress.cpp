@@ -1,5 +1,7 @@
 #include "server/Progress.h"
 
+namespace server {
+
 Progress::Progress(Json token, Send send)
     : state_(std::make_shared<State>(State{std::move(token), std::move(send), std::nullopt, {}})) {}
 
@@ -69,3 +71,5 @@ ProgressBeat::ProgressBeat(const boost::asio::any_io_executor& executor, Progres
 ProgressBeat::~ProgressBeat() {
     if (timer_) timer_->cancel();
 }
+
+}  // namespace server

@@ -22,6 +22,8 @@
 
 #include "server/JSONText.h"
 
+namespace server {
+
 class Progress {
 public:
     // Writes one notification message.
@@ -73,3 +75,5 @@ public:
 private:
     std::shared_ptr<boost::asio::steady_timer> timer_;
 };
+
+}  // namespace server

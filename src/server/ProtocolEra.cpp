@@ -2,6 +2,8 @@
 
 #include "server/SessionSetup.h"
 
+namespace server {
+
 namespace {
 
 const Json* metaIn(const Json& params) {
@@ -82,3 +84,5 @@ Json ProtocolEra::errorReply(const Json& id, const Refusal& refusal) {
     reply["error"] = std::move(error);
     return reply;
 }
+
+}  // namespace server

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 #include "server/Catalog.h"
 #include "server/ProtocolEra.h"
-#include "server/StudioMCPBridge.h"
+
+namespace server {
 
 std::string SessionSetup::notFoundInstructions() {
     return "Vantoric Studio could not be found on this Mac. Install it from " +
@@ -105,17 +106,4 @@ Json SessionSetup::discoverResult(const std::optional<std::string>& catalog, std
     return result;
 }
 
-// ---- the bridge's side ----
-
-Json StudioMCPBridge::initialize(const Json& params) {
-    if (auto name = clientNameIn(params)) clientName = std::move(*name);
-    return initializeResult(params, identity(), catalog, bundleIdentifier());
-}
-
-const Json& StudioMCPBridge::identity() {
-    // Read once: the catalog is fixed for the life of the process, and the
-    // identity is what tells a client's cache which catalog it holds. Every
-    // stateless result carries it, so it must not cost a file read each.
-    if (!identity_) identity_ = serverInfo(app, bundleIdentifier(), bundles_);
-    return *identity_;
-}
+}  // namespace server

@@ -2,6 +2,8 @@
 
 #include <string>
 
+namespace server {
+
 namespace {
 
 Json textResult(std::string text, bool isError) {
@@ -45,3 +47,5 @@ std::optional<Json> ToolResults::payload(const Json& toolResult) {
     }
     return std::nullopt;
 }
+
+}  // namespace server

@@ -9,16 +9,20 @@
 
 #include "server/JSONText.h"
 
-struct ToolResults {
-    // {"content": [{"type": "text", "text": message}], "isError": true}
-    static Json toolError(std::string_view message);
+namespace server {
 
-    // {"content": [{"type": "text", "text": <compact JSON of object>}],
-    // "isError": false}; the text is "{}" when the object cannot be written.
-    static Json result(const Json& object);
+namespace ToolResults {
+// {"content": [{"type": "text", "text": message}], "isError": true}
+Json toolError(std::string_view message);
 
-    // The JSON object that the last text item of a successful tool result
-    // carries, or nothing (an error result, no text item, a last text item
-    // that is not an object's JSON).
-    static std::optional<Json> payload(const Json& toolResult);
-};
+// {"content": [{"type": "text", "text": <compact JSON of object>}],
+// "isError": false}; the text is "{}" when the object cannot be written.
+Json result(const Json& object);
+
+// The JSON object that the last text item of a successful tool result
+// carries, or nothing (an error result, no text item, a last text item
+// that is not an object's JSON).
+std::optional<Json> payload(const Json& toolResult);
+}  // namespace ToolResults
+
+}  // namespace server

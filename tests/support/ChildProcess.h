@@ -1,16 +1,14 @@
-// A real child process with pipes on its standard input, output and error,
-// for tests that drive the bridge, the simulator or a helper program the way
-// an agent would. Standard error is collected in the background so that a
-// chatty child never blocks; standard output is read line by line with a
-// deadline, so a test fails instead of hanging. Used from one test thread.
+// A real child process with pipes on its standard input and output, for tests
+// that drive the bridge, the simulator or a helper program the way an agent
+// would. Standard error goes to an in-memory file, so that a chatty child never
+// blocks on it; standard output is read line by line with a deadline, so a
+// test fails instead of hanging. Used from one test thread.
 #pragma once
 #include <chrono>
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace testsupport {
@@ -25,7 +23,7 @@ public:
     struct Options {
         std::vector<std::string> argv;
         Environment environment = currentEnvironment();
-        std::filesystem::path workingDirectory;  // empty: inherit
+        std::filesystem::path workingDirectory = {};  // empty: inherit
     };
 
     explicit ChildProcess(Options options);
@@ -54,13 +52,13 @@ public:
     bool waitForStderr(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
 private:
+    // One read of standard output; false once nothing more can come in time.
+    bool readMore(std::chrono::steady_clock::time_point deadline);
+
     pid_t pid_ = -1;
     int in_ = -1, out_ = -1, err_ = -1;
     std::string outBuffer_;
     bool outEnded_ = false;
-    mutable std::mutex errMutex_;
-    std::string errText_;
-    std::thread errReader_;
     std::optional<int> status_;
 };
 

@@ -1,77 +1,162 @@
 #include "support/FakeHttp.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <sstream>
-#include <stdexcept>
+#include <thread>
+
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
+
+#include "link/ByteStream.h"
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using boost::system::error_code;
+using tcp = asio::ip::tcp;
 
 namespace testsupport {
 
 namespace {
 
-void writeAll(int fd, const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n <= 0) return;
-        done += static_cast<size_t>(n);
-    }
+constexpr auto awaited = asio::as_tuple(asio::use_awaitable);
+
+void hangUp(tcp::socket& socket, bool shutdown = false) {
+    error_code ignored;
+    if (shutdown) socket.shutdown(tcp::socket::shutdown_both, ignored);
+    socket.close(ignored);
 }
+void hangUp(ByteStream& stream, bool = false) { stream.close(); }
 
 std::string lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
     return text;
 }
 
+std::string answer(const FakeHttp::Response& response, bool refusal) {
+    std::string head = "HTTP/1.1 " + std::to_string(response.status) + (refusal ? " Refused" : " Status") +
+                       "\r\nContent-Type: " + response.contentType + "\r\n";
+    if (refusal) head += "Connection: close\r\n";
+    head += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
+    if (response.close && !refusal) head += "Connection: close\r\n";
+    return response.before + head + "\r\n" + response.body.substr(0, std::min(response.truncateBodyAt, response.body.size())) +
+           response.after;
+}
+
 }  // namespace
 
-FakeHttp::FakeHttp() {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int yes = 1;
-    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener_, 64) != 0)
-        throw std::runtime_error("fake HTTP server could not listen");
-    socklen_t length = sizeof address;
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    handler_ = [](const Request&) { return Response{200, "{}"}; };
-    acceptor_ = std::thread([this] {
+// The loopback listener and its thread; the serving, wherever it runs.
+struct FakeHttp::Server {
+    asio::io_context io;
+    tcp::acceptor acceptor{io, {asio::ip::address_v4::loopback(), 0}};
+    std::thread thread;
+    int nextId = 0;
+
+    static asio::awaitable<void> accept(FakeHttp& http) {
         for (;;) {
-            int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) return;
-            std::lock_guard lock(mutex_);
-            if (stopping_) {
-                ::close(fd);
-                return;
+            auto [ec, socket] = co_await http.server_->acceptor.async_accept(awaited);
+            if (ec) co_return;
+            {
+                std::lock_guard lock(http.mutex_);
+                ++http.connections_;
             }
-            ++connections_;
-            workers_.emplace_back([this, fd] { serve(fd); });
+            asio::co_spawn(http.server_->io, serve(http, std::make_shared<tcp::socket>(std::move(socket))),
+                           asio::detached);
         }
-    });
+    }
+
+    template <class Stream>
+    static void idle(FakeHttp& http, int id, bool waiting, const std::shared_ptr<Stream>& stream) {
+        std::lock_guard lock(http.mutex_);
+        if (!waiting) {
+            http.idle_.erase(id);
+            return;
+        }
+        http.idle_[id] = [weak = std::weak_ptr<Stream>(stream), executor = stream->get_executor()] {
+            asio::post(executor, [weak] {
+                if (auto stream = weak.lock()) hangUp(*stream, true);
+            });
+        };
+    }
+
+    template <class Stream>
+    static asio::awaitable<void> serve(FakeHttp& http, std::shared_ptr<Stream> stream) {
+        int id;
+        {
+            std::lock_guard lock(http.mutex_);
+            id = http.server_->nextId++;
+        }
+        boost::beast::flat_buffer buffer;
+        for (;;) {
+            http::request_parser<http::string_body> parser;
+            parser.body_limit(boost::none);
+            idle(http, id, true, stream);
+            auto [read, n] = co_await http::async_read_header(*stream, buffer, parser, awaited);
+            idle(http, id, false, stream);
+            if (read) co_return hangUp(*stream);
+            Request request{std::string(parser.get().method_string()), std::string(parser.get().target()), {}, {}};
+            for (const auto& field : parser.get()) request.headers[lower(std::string(field.name_string()))] = field.value();
+            std::optional<Response> refusal;
+            if (parser.content_length().value_or(0) > 0) {
+                std::lock_guard lock(http.mutex_);
+                refusal = http.refusal_;
+                if (refusal) http.requests_.push_back(request);
+            }
+            if (refusal) {
+                co_await asio::async_write(*stream, asio::buffer(answer(*refusal, true)), awaited);
+                co_return hangUp(*stream);
+            }
+            auto [whole, m] = co_await http::async_read(*stream, buffer, parser, awaited);
+            if (whole) co_return hangUp(*stream);
+            request.body = parser.get().body();
+            std::function<Response(const Request&)> handler;
+            {
+                std::lock_guard lock(http.mutex_);
+                http.requests_.push_back(request);
+                handler = http.handler_;
+            }
+            Response response = handler(request);
+            if (response.delay.count() > 0) {
+                asio::steady_timer pause(stream->get_executor(), response.delay);
+                co_await pause.async_wait(awaited);
+            }
+            if (response.hangUp) co_return hangUp(*stream);
+            bool ending = response.close || response.truncateBodyAt < response.body.size();
+            // Idle from the moment the answer can be read: the client may ask
+            // for this connection to be closed before it is read.
+            if (!ending) idle(http, id, true, stream);
+            co_await asio::async_write(*stream, asio::buffer(answer(response, false)), awaited);
+            if (ending) co_return hangUp(*stream);
+        }
+    }
+};
+
+FakeHttp::FakeHttp() : server_(std::make_unique<Server>()) {
+    port_ = server_->acceptor.local_endpoint().port();
+    handler_ = [](const Request&) { return Response{200, "{}"}; };
+    asio::co_spawn(server_->io, Server::accept(*this), asio::detached);
+    server_->thread = std::thread([this] { server_->io.run(); });
 }
 
 FakeHttp::~FakeHttp() {
+    server_->io.stop();
+    server_->thread.join();
+}
+
+void FakeHttp::serve(std::unique_ptr<ByteStream> stream) {
     {
         std::lock_guard lock(mutex_);
-        stopping_ = true;
-        for (int fd : idle_) ::shutdown(fd, SHUT_RDWR);
+        ++connections_;
     }
-    ::shutdown(listener_, SHUT_RDWR);
-    ::close(listener_);
-    acceptor_.join();
-    std::vector<std::thread> workers;
-    {
-        std::lock_guard lock(mutex_);
-        workers.swap(workers_);
-    }
-    for (auto& w : workers) w.join();
+    auto executor = stream->get_executor();
+    asio::co_spawn(executor, Server::serve(*this, std::shared_ptr<ByteStream>(std::move(stream))), asio::detached);
 }
 
 void FakeHttp::refuseBodies(Response response) {
@@ -96,106 +181,7 @@ int FakeHttp::connections() const {
 
 void FakeHttp::closeIdleConnections() {
     std::lock_guard lock(mutex_);
-    for (int fd : idle_) ::shutdown(fd, SHUT_RDWR);
-}
-
-void FakeHttp::serve(int fd) {
-    std::string buffer;
-    auto markIdle = [&](bool idle) {
-        std::lock_guard lock(mutex_);
-        if (idle) idle_.push_back(fd);
-        else idle_.erase(std::remove(idle_.begin(), idle_.end(), fd), idle_.end());
-        // A connection that falls idle after the server began stopping is
-        // ended too, or its worker would wait for a request forever.
-        if (idle && stopping_) ::shutdown(fd, SHUT_RDWR);
-    };
-    markIdle(true);
-    for (;;) {
-        size_t headerEnd;
-        while ((headerEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
-            char chunk[65536];
-            ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-            if (n <= 0) {
-                markIdle(false);
-                ::close(fd);
-                return;
-            }
-            markIdle(false);
-            buffer.append(chunk, static_cast<size_t>(n));
-        }
-        markIdle(false);
-        Request request;
-        std::istringstream head(buffer.substr(0, headerEnd));
-        std::string line;
-        std::getline(head, line);
-        std::istringstream first(line);
-        first >> request.method >> request.target;
-        while (std::getline(head, line)) {
-            if (!line.empty() && line.back() == '\r') line.pop_back();
-            auto colon = line.find(':');
-            if (colon == std::string::npos) continue;
-            std::string value = line.substr(colon + 1);
-            value.erase(0, value.find_first_not_of(' '));
-            request.headers[lower(line.substr(0, colon))] = value;
-        }
-        buffer.erase(0, headerEnd + 4);
-        size_t length = request.headers.count("content-length") ? std::stoul(request.headers["content-length"]) : 0;
-        std::optional<Response> refusal;
-        if (length > 0) {
-            std::lock_guard lock(mutex_);
-            refusal = refusal_;
-            if (refusal) requests_.push_back(request);
-        }
-        if (refusal) {
-            std::string bytes = "HTTP/1.1 " + std::to_string(refusal->status) +
-                                " Refused\r\nContent-Type: application/json\r\nConnection: close\r\nContent-Length: " +
-                                std::to_string(refusal->body.size()) + "\r\n\r\n" + refusal->body;
-            writeAll(fd, bytes);
-            ::close(fd);
-            return;
-        }
-        while (buffer.size() < length) {
-            char chunk[65536];
-            ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-            if (n <= 0) {
-                ::close(fd);
-                return;
-            }
-            buffer.append(chunk, static_cast<size_t>(n));
-        }
-        request.body = buffer.substr(0, length);
-        buffer.erase(0, length);
-
-        std::function<Response(const Request&)> handler;
-        {
-            std::lock_guard lock(mutex_);
-            requests_.push_back(request);
-            handler = handler_;
-        }
-        Response response = handler(request);
-        if (response.delay.count() > 0) std::this_thread::sleep_for(response.delay);
-        if (response.hangUp) {
-            ::close(fd);
-            return;
-        }
-        std::ostringstream out;
-        out << "HTTP/1.1 " << response.status << " Status\r\nContent-Type: " << response.contentType
-            << "\r\nContent-Length: " << response.body.size() << "\r\n";
-        if (response.close) out << "Connection: close\r\n";
-        out << "\r\n";
-        std::string bytes = response.before + out.str() +
-                            response.body.substr(0, std::min(response.truncateBodyAt, response.body.size())) +
-                            response.after;
-        bool ending = response.close || response.truncateBodyAt < response.body.size();
-        // Idle from the moment the answer can be read: the client may ask
-        // for this connection to be closed before this thread runs again.
-        if (!ending) markIdle(true);
-        writeAll(fd, bytes);
-        if (ending) {
-            ::close(fd);
-            return;
-        }
-    }
+    for (auto& [id, close] : idle_) close();
 }
 
 }  // namespace testsupport

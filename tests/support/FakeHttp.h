@@ -1,18 +1,22 @@
-// A tiny HTTP/1.1 server on loopback playing Studio's services in unit
-// tests: it records every request and answers each with what the test's
-// handler says, on threads of its own (one per connection), so the code
-// under test can run its own event loop meanwhile. Keep-alive, Content-Length
-// bodies only.
+// A tiny HTTP/1.1 server playing Studio's services in unit tests: it records
+// every request and answers each with what the test's handler says. It
+// listens on loopback and serves there on a thread of its own, so the code
+// under test can run its own event loop meanwhile; it also serves any other
+// connection it is handed (an in-memory one, say) on that connection's
+// executor. Keep-alive; bodies of any framing are read, answers carry a
+// Content-Length.
 #pragma once
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
+
+class ByteStream;
 
 namespace testsupport {
 
@@ -50,21 +54,19 @@ public:
     int connections() const;
     // Closes every connection that is waiting for its next request.
     void closeIdleConnections();
+    // Serves Studio's end of a connection made elsewhere, on its executor.
+    void serve(std::unique_ptr<ByteStream> stream);
 
 private:
-    void serve(int fd);
-
-    int listener_ = -1;
+    struct Server;
+    std::unique_ptr<Server> server_;
     uint16_t port_ = 0;
-    std::thread acceptor_;
     mutable std::mutex mutex_;
     std::function<Response(const Request&)> handler_;
     std::optional<Response> refusal_;
     std::vector<Request> requests_;
-    std::vector<int> idle_;
-    std::vector<std::thread> workers_;
+    std::map<int, std::function<void()>> idle_;  // closers of the connections waiting for a request
     int connections_ = 0;
-    bool stopping_ = false;
 };
 
 }  // namespace testsupport

@@ -2,7 +2,9 @@
 // suite) on a socket in its own folder, stopped when the object goes away.
 // Point the bridge and the simulator at it through environment().
 #pragma once
-#include <memory>
+#include <signal.h>
+
+#include <stdexcept>
 #include <string>
 
 #include "support/ChildProcess.h"
@@ -12,16 +14,27 @@ namespace testsupport {
 
 class PrivateBus {
 public:
-    PrivateBus();
-    ~PrivateBus();
+    PrivateBus()
+        : daemon_({.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1",
+                            "--address=unix:path=" + (dir_.path() / "bus").string()}}),
+          address_(daemon_.readLine().value_or("")) {
+        if (address_.empty()) throw std::runtime_error("dbus-daemon did not start: " + daemon_.stderrText());
+    }
+    ~PrivateBus() {
+        daemon_.kill(SIGTERM);
+        daemon_.wait(std::chrono::seconds(5));
+    }
 
     const std::string& address() const { return address_; }
     // The given environment with DBUS_SESSION_BUS_ADDRESS set to this bus.
-    Environment environment(Environment base = currentEnvironment()) const;
+    Environment environment(Environment base = currentEnvironment()) const {
+        base["DBUS_SESSION_BUS_ADDRESS"] = address_;
+        return base;
+    }
 
 private:
     TempDir dir_;
-    std::unique_ptr<ChildProcess> daemon_;
+    ChildProcess daemon_;
     std::string address_;
 };
 

@@ -1,175 +1,153 @@
-// Media import and series imports end to end: the agent's paths, the
-// uploads Studio received, and the calls Studio saw instead of the paths.
+// The agent's paths end to end: files uploaded and Studio handed the uploads
+// instead, paths that name no regular file or are not UTF-8, project folders
+// opened by Studio or handed over on the bus, and the progress meanwhile.
 #include <sys/stat.h>
 
-#include "FileSession.h"
+#include "integration/server/BridgeSession.h"
 
-using namespace filestest;
+using namespace testsupport;
 
-namespace {
-
-std::vector<std::string> uploadedNames(const FileSession& session) {
-    std::vector<std::string> names;
-    for (auto& event : session.studioEvents("upload"))
-        if (event.contains("uploadId")) names.push_back(event["name"].get<std::string>());
-    return names;
-}
-
-json pathsFor(FileSession& session, const std::string& stem, int count) {
-    json paths = json::array();
-    for (int i = 0; i < count; ++i) {
-        std::string name = "media/" + stem + std::to_string(i) + ".mov";
-        session.write(session.work() / name, std::string(100 + i, 'm'));
-        paths.push_back(name);
+TEST(AgentPaths, FilesAreUploadedAndStudioSeesOnlyTheUploads) {
+    BridgeSession session;
+    session.start();
+    const fs::path work = session.home();
+    writeFile(work / "media/clip.mov", "relative");
+    writeFile(session.user() / "Movies/trip.mov", "in the home folder");
+    writeFile(work / "other/take.mov", "dotted");
+    auto result = session.call(1, "import_media", {{"paths", {"media/clip.mov", "~/Movies/trip.mov", (work / "media/../other/./take.mov").string()}},
+                                                   {"add_to_timeline", false}});
+    EXPECT_EQ(BridgeSession::payload(result)["addedToTimeline"], false) << result.dump();
+    json uploads = json::array(), sizes = json::array();
+    for (auto& event : session.studioEvents("upload")) {
+        uploads.push_back(json{{"uploadId", event["uploadId"]}, {"name", event["name"]}});
+        sizes.push_back(json{event["name"], event["bytes"]});
     }
-    return paths;
-}
+    EXPECT_EQ(sizes, json::parse(R"([["clip.mov",8],["trip.mov",18],["take.mov",6]])"));
+    EXPECT_EQ(session.forwarded("import_media"), std::vector<json>{json({{"uploads", uploads}, {"add_to_timeline", false}})});
 
-}  // namespace
-
-using ImportingMedia = FileTools;
-
-TEST_F(ImportingMedia, OneAndTwentyFilesAreImportedButTwentyOneAreNot) {
-    FileSession session;
-    session.start();
-    auto one = session.call(1, "import_media", {{"paths", pathsFor(session, "one", 1)}});
-    ASSERT_FALSE(FileSession::isError(one)) << one.dump();
-    EXPECT_EQ(FileSession::payload(one)["imported"].size(), 1u);
-
-    auto twenty = session.call(2, "import_media", {{"paths", pathsFor(session, "twenty", 20)}});
-    ASSERT_FALSE(FileSession::isError(twenty)) << twenty.dump();
-    auto imported = FileSession::payload(twenty)["imported"];
-    ASSERT_EQ(imported.size(), 20u);
-    EXPECT_EQ(imported[19]["name"], "twenty19.mov");
-    EXPECT_EQ(imported[19]["bytes"], 119);
-
-    auto refused = session.call(3, "import_media", {{"paths", pathsFor(session, "many", 21)}});
-    EXPECT_TRUE(FileSession::isError(refused));
-    EXPECT_EQ(LinkSession::text(refused), "Pass paths: 1 to 20 files on this Mac.");
-    EXPECT_EQ(uploadedNames(session).size(), 21u);
+    // Every path is checked before anything is uploaded, and up to twenty at once.
+    auto missing = session.call(2, "import_media", {{"paths", {"media/clip.mov", "media/../gone/./x.mov"}}});
+    EXPECT_EQ(BridgeSession::text(missing), "No file at " + (work / "gone/x.mov").string() + ".");
+    json many = json::array();
+    for (int i = 0; i < 21; ++i) many.push_back(writeFile(work / "many" / (std::to_string(i) + ".mov"), std::string(100 + i, 'm')).string());
+    EXPECT_EQ(BridgeSession::text(session.call(3, "import_media", {{"paths", many}})), "Pass paths: 1 to 20 files on this Mac.");
+    EXPECT_EQ(session.studioEvents("upload").size(), 3u);
+    many.erase(many.size() - 1);
+    auto twenty = BridgeSession::payload(session.call(4, "import_media", {{"paths", many}}))["imported"];
+    EXPECT_EQ(twenty.back(), json::parse(R"({"id":"m23","name":"19.mov","kind":"video","bytes":119,"duration":10.0})")) << twenty.size();
     EXPECT_EQ(session.forwarded("import_media").size(), 2u);
-}
 
-TEST_F(ImportingMedia, RelativeHomeAndDottedPathsAreTheFilesMeant) {
-    FileSession session;
-    session.start();
-    session.write(session.work() / "media/clip.mov", "relative");
-    session.write(session.user() / "Movies/trip.mov", "in the home folder");
-    session.write(session.work() / "other/take.mov", "dotted");
-    std::string dotted = (session.work() / "media/../other/./take.mov").string();
-    auto result = session.call(1, "import_media", {{"paths", {"media/clip.mov", "~/Movies/trip.mov", dotted}}});
-    ASSERT_FALSE(FileSession::isError(result)) << result.dump();
-    auto uploads = session.studioEvents("upload");
-    ASSERT_EQ(uploads.size(), 3u);
-    EXPECT_EQ(uploads[0]["name"], "clip.mov");
-    EXPECT_EQ(uploads[0]["bytes"], 8);
-    EXPECT_EQ(uploads[1]["name"], "trip.mov");
-    EXPECT_EQ(uploads[1]["bytes"], 18);
-    EXPECT_EQ(uploads[2]["name"], "take.mov");
-    EXPECT_EQ(uploads[2]["bytes"], 6);
+    // A series import sends the upload in place of the path, and nothing else of "from".
+    std::string series = BridgeSession::payload(session.call(5, "series", {{"operation", "seriesCreate"}, {"params", {{"name", "Trips"}}}}))["series"]["id"];
+    writeFile(session.user() / "intro.mov", "intro");
+    auto intro = session.call(6, "series", {{"operation", "seriesMediaImport"},
+                                            {"params", {{"seriesId", series}, {"from", {{"path", "~/intro.mov"}, {"trim", 3}}}}}});
+    EXPECT_EQ(BridgeSession::payload(intro)["media"]["name"], "intro.mov") << intro.dump();
+    std::string id = session.studioEvents("upload").back()["uploadId"];
+    EXPECT_EQ(session.forwarded("series").back(), json({{"operation", "seriesMediaImport"},
+                                                        {"params", {{"seriesId", series}, {"from", {{"uploadId", id}}}}}}));
 
-    auto missing = session.call(2, "import_media", {{"paths", {"media/../gone/./x.mov"}}});
-    EXPECT_EQ(LinkSession::text(missing), "No file at " + (session.work() / "gone/x.mov").string() + ".");
-}
-
-TEST_F(ImportingMedia, MissingThirdFileFailsBeforeAnyUpload) {
-    FileSession session;
-    session.start();
-    session.write(session.work() / "a.mov", "a");
-    session.write(session.work() / "b.mov", "b");
-    auto result = session.call(1, "import_media", {{"paths", {"a.mov", "b.mov", "c.mov"}}});
-    EXPECT_TRUE(FileSession::isError(result));
-    EXPECT_EQ(LinkSession::text(result), "No file at " + (session.work() / "c.mov").string() + ".");
-    EXPECT_TRUE(session.studioEvents("upload").empty());
-    EXPECT_TRUE(session.forwarded("import_media").empty());
-}
-
-TEST_F(ImportingMedia, AddToTimelineFalseReachesStudio) {
-    FileSession session;
-    session.start();
-    session.write(session.work() / "a.mov", "a");
-    auto result = session.call(1, "import_media", {{"paths", {"a.mov"}}, {"add_to_timeline", false}});
-    ASSERT_FALSE(FileSession::isError(result)) << result.dump();
-    EXPECT_EQ(FileSession::payload(result)["addedToTimeline"], false);
-    auto forwarded = session.forwarded("import_media");
-    ASSERT_EQ(forwarded.size(), 1u);
-    std::string id = session.studioEvents("upload").at(0)["uploadId"];
-    EXPECT_EQ(forwarded[0], json({{"uploads", {{{"uploadId", id}, {"name", "a.mov"}}}}, {"add_to_timeline", false}}));
-}
-
-TEST_F(ImportingMedia, SeriesImportSendsOnlyTheUploadInFrom) {
-    FileSession session;
-    session.start(false);
-    auto created = session.call(1, "series", {{"operation", "seriesCreate"}, {"params", {{"name", "Trips"}}}});
-    std::string series = FileSession::payload(created)["series"]["id"];
-    session.write(session.user() / "intro.mov", "intro");
-    auto result = session.call(2, "series",
-                               {{"operation", "seriesMediaImport"},
-                                {"params", {{"seriesId", series}, {"from", {{"path", "~/intro.mov"}, {"trim", 3}}}}}});
-    ASSERT_FALSE(FileSession::isError(result)) << result.dump();
-    EXPECT_EQ(FileSession::payload(result)["media"]["name"], "intro.mov");
-    auto forwarded = session.forwarded("series");
-    ASSERT_EQ(forwarded.size(), 2u);
-    std::string id = session.studioEvents("upload").at(0)["uploadId"];
-    EXPECT_EQ(forwarded[1], json({{"operation", "seriesMediaImport"},
-                                  {"params", {{"seriesId", series}, {"from", {{"uploadId", id}}}}}}));
+    // Progress only for a call that asks for it: the bytes uploaded, rising to the whole.
+    EXPECT_TRUE(session.takeNotifications().empty());
+    writeFile(work / "big.mov", std::string(8 << 20, 'b'));
+    session.send(toolCall(7, "import_media", {{"paths", {"big.mov"}}}, {{"progressToken", "import-7"}}));
+    ASSERT_TRUE(session.reply(7, 30s));
+    auto told = session.takeNotifications();
+    ASSERT_GE(told.size(), 2u);
+    for (size_t i = 0; i < told.size(); ++i) {
+        EXPECT_EQ(told[i]["method"], "notifications/progress");
+        EXPECT_EQ(told[i]["params"]["progressToken"], "import-7");
+        EXPECT_EQ(told[i]["params"]["total"], 8 << 20);
+        EXPECT_EQ(told[i]["params"]["message"], "Uploading big.mov (1 of 1)");
+        if (i > 0) { EXPECT_GT(told[i]["params"]["progress"], told[i - 1]["params"]["progress"]); }
+    }
+    EXPECT_EQ(told.back()["params"]["progress"], 8 << 20);
 }
 
 // What is not a regular file is refused before any upload, and a named pipe
-// (whose opening would wait for a writer) holds nothing else up meanwhile.
-// A NUL inside a path once ended it early and uploaded the file before it.
-TEST_F(ImportingMedia, PathsThatNameNoRegularFileAreRefusedWithoutHoldingAnythingUp) {
-    FileSession session;
+// (whose opening would wait for a writer) holds nothing else up meanwhile; a
+// NUL once ended a path early. A folder named in Latin-1 works, and the agent
+// reads its name in a form it can be found by.
+TEST(AgentPaths, NoRegularFileIsRefusedWithoutHoldingAnythingUpAndAFolderInAnotherEncodingWorks) {
+    BridgeSession session(BridgeSession::Settings{{"STUDIO_SIM_EXPORT_SECONDS", "0.1"}});
     session.start();
-    session.write(session.work() / "a.mov", "a");
-    ASSERT_EQ(::mkfifo((session.work() / "pipe.mov").c_str(), 0644), 0);
-    const std::string nul = std::string("a.mov") + '\0' + ".txt";
-    struct Case {
-        std::string path;
-        std::string message;
-    };
-    const Case cases[] = {
-        {"pipe.mov", "Cannot read " + (session.work() / "pipe.mov").string() + "."},
+    writeFile(session.home() / "a.mov", "a");
+    ASSERT_EQ(::mkfifo((session.home() / "pipe.mov").c_str(), 0644), 0);
+    const std::pair<std::string, std::string> cases[] = {
+        {"pipe.mov", "Cannot read " + (session.home() / "pipe.mov").string() + "."},
         {"/dev/zero", "Cannot read /dev/zero."},
-        {nul, "No file at " + (session.work() / "a.mov\\x00.txt").string() + "."},
+        {std::string("a.mov") + '\0' + ".txt", "No file at " + (session.home() / "a.mov\\x00.txt").string() + "."},
     };
     int id = 1;
     for (const auto& [path, message] : cases) {
-        session.send({{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"},
-                      {"params", {{"name", "import_media"}, {"arguments", {{"paths", {path}}}}}}});
-        session.send({{"jsonrpc", "2.0"}, {"id", "ping"}, {"method", "ping"}});
-        EXPECT_TRUE(session.reply("ping", 5s).has_value()) << path;
-        auto refused = session.reply(id++, 5s);
-        ASSERT_TRUE(refused.has_value()) << path;
-        EXPECT_EQ(LinkSession::text((*refused)["result"]), message);
+        session.send(toolCall(id, "import_media", {{"paths", {path}}}));
+        session.send(request("ping", "ping"));
+        EXPECT_TRUE(session.reply("ping", 5s)) << path;
+        EXPECT_EQ(BridgeSession::text(session.reply(id++, 5s).value_or(json::object())["result"]), message) << path;
     }
+    auto series = session.call(9, "series", {{"operation", "seriesMediaImport"}, {"params", {{"seriesId", "s"}, {"from", {{"path", "pipe.mov"}}}}}});
+    EXPECT_EQ(BridgeSession::text(series), cases[0].second);
     EXPECT_TRUE(session.studioEvents("upload").empty());
-    auto series = session.call(9, "series", {{"operation", "seriesMediaImport"},
-                                              {"params", {{"seriesId", "s"}, {"from", {{"path", "pipe.mov"}}}}}});
-    EXPECT_EQ(LinkSession::text(series), cases[0].message);
-}
 
-// A working folder whose name is not UTF-8 (Latin-1, say): files in it are
-// uploaded and exports saved there, and what the agent reads names the
-// folder in a form it can be found by.
-TEST_F(ImportingMedia, AWorkingFolderNamedInAnotherEncodingStillWorks) {
-    FileSession session(LinkSession::Settings{{"STUDIO_SIM_EXPORT_SECONDS", "0.1"}});
-    session.start();
     fs::path folder = session.home() / "caf\xE9";
-    session.write(folder / "clip.mov", "clip");
+    writeFile(folder / "clip.mov", "clip");
     fs::create_directories(folder / "Trip.vantoric");
+    session.bridge().closeStdin();
+    ASSERT_EQ(session.bridge().wait(), 0);
     session.startBridge(folder);
-
-    auto imported = session.call(1, "import_media", {{"paths", {"clip.mov"}}});
-    ASSERT_FALSE(FileSession::isError(imported)) << imported.dump();
+    EXPECT_FALSE(BridgeSession::isError(session.call(1, "import_media", {{"paths", {"clip.mov"}}})));
     EXPECT_EQ(session.studioEvents("upload").at(0)["bytes"], 4);
-
-    auto exported = FileSession::payload(session.call(2, "export_video", {{"path", "out.mp4"}}));
-    EXPECT_TRUE(fs::exists(folder / "out.mp4"));
+    auto exported = BridgeSession::payload(session.call(2, "export_video", {{"path", "out.mp4"}}));
     EXPECT_EQ(exported["file"]["savedTo"], (session.home() / "caf\\xE9/out.mp4").string()) << exported.dump();
-
-    auto opened = session.call(3, "project", {{"action", "open"}, {"path", "Trip.vantoric"}});
-    EXPECT_EQ(LinkSession::text(opened),
+    EXPECT_TRUE(fs::exists(folder / "out.mp4"));
+    EXPECT_EQ(BridgeSession::text(session.call(3, "project", {{"action", "open"}, {"path", "Trip.vantoric"}})),
               "This call names a path that is not valid UTF-8, which Vantoric Studio cannot read. Rename or move it, "
               "then try again.");
+}
+
+// Studio's own folders open at once; any other is handed to Studio on the
+// bus once and Studio asked again to wait for it; a file is refused, a number
+// is Studio's to judge. A client that gives up on quiet calls (OpenCode, after
+// a minute) hears at every interval that a long one still waits on Studio.
+TEST(AgentPaths, ProjectsOpenInStudioOrAreHandedOverOnTheBusAndALongWaitIsTold) {
+    BridgeSession session({{"STUDIO_SIM_SLOW_TOOL", "studio_status"}, {"STUDIO_SIM_SLOW_TOOL_MS", "1500"}, {"VSM_TEST_PROGRESS_MS", "200"}});
+    session.start();
+    session.call(1, "project", {{"action", "close"}});
+    auto own = session.call(2, "project", {{"action", "open"}, {"path", "Projects/Trip.vantoric"}});
+    EXPECT_EQ(BridgeSession::payload(own)["project"]["name"], "Trip") << own.dump();
+    writeFile(session.home() / "Notes.vantoric", "a file");
+    EXPECT_EQ(BridgeSession::text(session.call(3, "project", {{"action", "open"}, {"path", "Notes.vantoric"}})),
+              "No project at " + (session.home() / "Notes.vantoric").string() +
+                  ". Pass a .vantoric folder, an id from studio_status, or create one.");
+    session.call(4, "project", {{"action", "open"}, {"path", 7}});
+    EXPECT_TRUE(session.studioEvents("open").empty());
+
+    fs::path folder = session.user() / "Elsewhere/Away.vantoric";
+    fs::create_directories(folder);
+    auto away = session.call(5, "project", {{"action", "open"}, {"path", "~/Elsewhere/../Elsewhere/Away.vantoric"}});
+    EXPECT_EQ(BridgeSession::payload(away)["opened"], true) << away.dump();
+    auto opens = session.studioEvents("open");
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0]["via"], "bus");
+    EXPECT_EQ(opens[0]["granted"], json::array({folder.string()}));
+    auto asked = session.forwarded("project");
+    ASSERT_EQ(asked.size(), 6u);  // after the creation and the closing
+    EXPECT_EQ(asked[2], json({{"action", "open"}, {"path", (session.home() / "Projects/Trip.vantoric").string()}}));
+    EXPECT_EQ(asked[3], json({{"action", "open"}, {"path", 7}}));
+    EXPECT_EQ(asked[4], json({{"action", "open"}, {"path", folder.string()}}));
+    EXPECT_EQ(asked[5], json({{"action", "open"}, {"path", folder.string()}, {"await_open", true}}));
+    EXPECT_TRUE(session.bridge().waitForStderr("vantoric-studio-mcp: " + folder.string() +
+                                               " is outside Studio's sandbox; opening it with Studio through Launch Services\n"));
+
+    EXPECT_TRUE(session.takeNotifications().empty());
+    session.send(toolCall(6, "studio_status", json::object(), {{"progressToken", "s"}}));
+    ASSERT_TRUE(session.reply(6, 30s));
+    auto told = session.takeNotifications();
+    ASSERT_GE(told.size(), 3u);
+    for (size_t i = 0; i < told.size(); ++i) {
+        EXPECT_EQ(told[i]["params"]["message"], "Waiting for Vantoric Studio to carry out studio_status.");
+        if (i > 0) { EXPECT_GT(told[i]["params"]["progress"], told[i - 1]["params"]["progress"]); }
+    }
+    session.call(7, "studio_status");
+    EXPECT_TRUE(session.takeNotifications().empty());
 }

@@ -1,134 +1,72 @@
-// The real bridge binary as an agent sees it: a child process spoken to over
-// pipes, one JSON-RPC message per line. Each test starts its own, with an
-// environment that names exactly the Studio (or none) it wants, and a home
-// folder of its own so that no installed application is found by accident.
+// An agent's session with the real bridge binary, beside a private session
+// bus and the Studio simulator's bundle (LinkSession): the bridge past its
+// handshake (startBridge), or one a test speaks to byte by byte (launch). The
+// agent's home ("~") is its own, so that no installed application is found by
+// accident; the bridge works in Studio's home, where Projects/ lies.
 #pragma once
 #include <gtest/gtest.h>
 
-#include <map>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
-
-#include "support/ChildProcess.h"
-#include "support/TempDir.h"
+#include "support/LinkSession.h"
 
 namespace testsupport {
 
-// Member order is not significant on the wire; comparisons ignore it.
-using Json = nlohmann::json;
+namespace fs = std::filesystem;
 
-inline std::filesystem::path releaseBundle() { return std::filesystem::path(VSM_BUNDLES_DIR) / "Vantoric Studio.app"; }
-inline std::filesystem::path subjectBundle() {
-    return std::filesystem::path(VSM_BUNDLES_DIR) / "Vantoric Studio Subject.app";
+inline json request(const json& id, const std::string& method, const json& params = nullptr) {
+    json message = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
+    if (!params.is_null()) message["params"] = params;
+    return message;
 }
 
-struct SessionOptions {
-    std::optional<std::string> app = releaseBundle().string();  // VANTORIC_STUDIO_APP
-    std::optional<std::string> catalog;                         // VANTORIC_STUDIO_CATALOG
-    std::string binary = VSM_BRIDGE_BINARY;
-    std::vector<std::string> arguments;
+inline json toolCall(const json& id, const std::string& tool, const json& arguments, const json& meta = nullptr) {
+    json params = {{"name", tool}, {"arguments", arguments}};
+    if (!meta.is_null()) params["_meta"] = meta;
+    return request(id, "tools/call", params);
+}
 
-    SessionOptions& withApp(std::optional<std::string> value) {
-        app = std::move(value);
-        return *this;
-    }
-    SessionOptions& withCatalog(std::string value) {
-        catalog = std::move(value);
-        return *this;
-    }
-    SessionOptions& withBinary(std::string value) {
-        binary = std::move(value);
-        return *this;
-    }
-    SessionOptions& withArguments(std::vector<std::string> value) {
-        arguments = std::move(value);
-        return *this;
-    }
-};
-
-class BridgeSession {
+class BridgeSession : public LinkSession {
 public:
-    explicit BridgeSession(SessionOptions options = {}) {
-        Environment environment = currentEnvironment();
-        environment.erase("VANTORIC_STUDIO_APP");
-        environment.erase("VANTORIC_STUDIO_CATALOG");
-        environment["HOME"] = home_.path().string();
-        // Never the session bus of whoever runs the tests: a call that needs
-        // Studio fails at once instead of reaching a real desktop.
-        environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (home_.path() / "no-bus").string();
-        if (options.app) environment["VANTORIC_STUDIO_APP"] = *options.app;
-        if (options.catalog) environment["VANTORIC_STUDIO_CATALOG"] = *options.catalog;
-        std::vector<std::string> argv{options.binary};
-        argv.insert(argv.end(), options.arguments.begin(), options.arguments.end());
-        child_ = std::make_unique<ChildProcess>(ChildProcess::Options{argv, environment, home_.path()});
+    explicit BridgeSession(Settings settings = {}) : LinkSession(std::move(settings)) {
+        fs::create_directories(user());
+        environment()["HOME"] = user().string();
     }
+    fs::path user() const { return home() / "user"; }
 
-    ChildProcess& child() { return *child_; }
-    const TempDir& home() const { return home_; }
-
-    void send(const std::string& bytes) { child_->write(bytes); }
-
-    // The next line on standard output as JSON; a test failure when none
-    // comes or it is not a JSON object.
-    Json next() {
-        auto line = child_->readLine();
-        EXPECT_TRUE(line) << "no reply; stderr: " << child_->stderrText();
-        if (!line) return Json();
-        auto value = Json::parse(*line, nullptr, false);
-        EXPECT_TRUE(value.is_object()) << *line;
-        return value;
+    // A bridge not yet spoken to: this build's, unless argv names another program.
+    ChildProcess& launch(std::vector<std::string> argv = {}) {
+        if (argv.empty()) argv.push_back(bridgeBinary().string());
+        raw_ = std::make_unique<ChildProcess>(ChildProcess::Options{argv, environment(), home()});
+        return *raw_;
     }
-
-    // The next n replies, by the key of their id (replies leave in
-    // completion order, which a test must not count on).
-    std::map<std::string, Json> next(size_t n) {
-        std::map<std::string, Json> byId;
-        for (size_t i = 0; i < n; ++i) {
-            Json reply = next();
-            if (reply.is_null()) break;
-            byId[reply["id"].dump()] = reply;
-        }
-        return byId;
-    }
-
-    // Closes standard input; what is left on standard output and the exit
-    // status.
-    std::string finish(int* status = nullptr) {
-        child_->closeStdin();
-        std::string rest = child_->readRest();
-        auto exit = child_->wait();
-        EXPECT_TRUE(exit) << "the bridge did not exit";
-        if (status) *status = exit.value_or(-1);
+    // Closes its standard input, which ends the server with status 0: what it
+    // wrote until then.
+    std::string finish() {
+        raw_->closeStdin();
+        std::string rest = raw_->readRest();
+        EXPECT_EQ(raw_->wait(), 0);
         return rest;
     }
 
+    // Studio running with an open project "Trip", and the bridge linked.
+    void start(bool withProject = true) {
+        startStudio();
+        startBridge();
+        if (withProject && isError(call(1000, "project", {{"action", "create"}, {"name", "Trip"}})))
+            throw std::runtime_error("no project");
+    }
+    // The arguments of the calls of `tool` that reached Studio, in order.
+    std::vector<json> forwarded(const std::string& tool) const {
+        std::vector<json> out;
+        for (auto& event : studioEvents("http"))
+            if (event.contains("body") && event["body"]["params"].value("name", "") == tool)
+                out.push_back(event["body"]["params"]["arguments"]);
+        return out;
+    }
+    static json payload(const json& result) { return json::parse(text(result)); }
+    static bool isError(const json& result) { return result.value("isError", false); }
+
 private:
-    TempDir home_;
-    std::unique_ptr<ChildProcess> child_;
+    std::unique_ptr<ChildProcess> raw_;
 };
-
-inline std::string request(const Json& id, const std::string& method, const Json& params = Json()) {
-    Json message = {{"jsonrpc", "2.0"}, {"id", id}, {"method", method}};
-    if (!params.is_null()) message["params"] = params;
-    return message.dump() + "\n";
-}
-
-inline std::string toolCall(const Json& id, const std::string& tool, const Json& arguments) {
-    return request(id, "tools/call", {{"name", tool}, {"arguments", arguments}});
-}
-
-inline std::string cancelled(const Json& requestId) {
-    return Json{{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", {{"requestId", requestId}}}}
-               .dump() +
-           "\n";
-}
-
-inline std::string toolText(const Json& reply) {
-    return reply.at("result").at("content").at(0).at("text").get<std::string>();
-}
-
-inline const std::string parseError = R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error"}})";
 
 }  // namespace testsupport

@@ -1,58 +1,59 @@
-#include <unistd.h>
-
-#include <cstdlib>
-#include <sstream>
-
+// The official SDK clients (sdk_client.mjs) against the real bridge and the
+// Studio simulator: the v1 handshake client, and the v2 client pinned to the
+// stateless revision or probing for it. A whole session must work in each.
 #include "BridgeSession.h"
 
 using namespace testsupport;
 
-namespace {
+class OfficialSdkClient : public ::testing::TestWithParam<std::string> {};
 
-bool onPath(const std::string& program) {
-    const char* path = std::getenv("PATH");
-    std::stringstream folders(path ? path : "");
-    for (std::string folder; std::getline(folders, folder, ':');)
-        if (!folder.empty() && access((folder + "/" + program).c_str(), X_OK) == 0) return true;
-    return false;
-}
+TEST_P(OfficialSdkClient, WholeSessionWithProgressAndACancelledCall) {
+    const std::string mode = GetParam();
+    BridgeSession session({{"STUDIO_SIM_EXPORT_SECONDS", "1"}, {"STUDIO_SIM_MAX_WAIT", "0.2"},
+                           {"STUDIO_SIM_SLOW_TOOL", "timeline"}, {"STUDIO_SIM_SLOW_TOOL_MS", "1500"}});
+    session.startStudio();
+    ChildProcess node({{"node", VSM_SOURCE_DIR "/tests/integration/server/sdk_client.mjs", bridgeBinary().string(), VSM_NPM_DIR, mode},
+                       session.environment(), session.home()});
+    std::string text = node.readRest(90s);
+    ASSERT_EQ(node.wait(), 0) << text << node.stderrText();
+    json out = json::parse(text, nullptr, false);
+    ASSERT_TRUE(out.is_object()) << text << node.stderrText();
+    const json catalog = json::parse(readFile(bundle() / "Contents/Resources/AgentLink/studio-agent-mcp.json"));
 
-}  // namespace
-
-TEST(OfficialSdkClient, FullSessionAgainstTheRealBridge) {
-    if (!onPath("node")) GTEST_SKIP() << "node is not installed";
-    TempDir home;
-    Environment environment = currentEnvironment();
-    environment["HOME"] = home.path().string();
-    ChildProcess node({{"node", std::string(VSM_SOURCE_DIR) + "/tests/integration/server/sdk_client.mjs", VSM_BRIDGE_BINARY,
-                        releaseBundle().string(), VSM_NPM_DIR},
-                       environment,
-                       home.path()});
-    std::string out = node.readRest(std::chrono::seconds(60));
-    auto status = node.wait(std::chrono::seconds(10));
-    ASSERT_EQ(status, 0) << out << node.stderrText();
-    auto result = Json::parse(out, nullptr, false);
-    ASSERT_TRUE(result.is_object()) << out;
-
-    auto catalog = Json::parse(readFile(releaseBundle() / "Contents/Resources/AgentLink/studio-agent-mcp.json"));
-    EXPECT_EQ(result["serverVersion"], Json::parse(R"({"name":"vantoric-studio","title":"Vantoric Studio","version":"3.2.1"})"));
-    EXPECT_EQ(result["capabilities"], Json::parse(R"({"tools":{"listChanged":false},"prompts":{"listChanged":false}})"));
-    EXPECT_EQ(result["instructions"], catalog["instructions"]);
-    ASSERT_EQ(result["tools"].size(), catalog["tools"].size());
-    for (size_t i = 0; i < catalog["tools"].size(); ++i) {
-        EXPECT_EQ(result["tools"][i]["name"], catalog["tools"][i]["name"]);
-        EXPECT_EQ(result["tools"][i]["inputSchema"], catalog["tools"][i]["inputSchema"]);
+    EXPECT_EQ(out["era"], mode == "v1" ? "handshake" : "modern");
+    if (mode != "v1") {
+        EXPECT_EQ(out["version"], "2026-07-28");
+        EXPECT_EQ(out["discover"]["supportedVersions"],
+                  json::parse(R"(["2026-07-28","2025-11-25","2025-06-18","2025-03-26","2024-11-05"])"));
+        // Every result on the wire was framed for the stateless revision.
+        ASSERT_FALSE(out["rawResults"].empty());
+        for (const auto& result : out["rawResults"]) EXPECT_EQ(result["resultType"], "complete") << result.dump();
     }
-    ASSERT_EQ(result["prompts"].size(), 2u);
-    EXPECT_EQ(result["prompts"][0]["arguments"], catalog["prompts"][0]["arguments"]);
-    EXPECT_FALSE(result["prompts"][0].contains("template"));
-    EXPECT_EQ(result["prompt"]["messages"][0]["content"]["text"],
+    EXPECT_EQ(out["serverVersion"], json::parse(R"({"name":"vantoric-studio","title":"Vantoric Studio","version":"3.2.1"})"));
+    EXPECT_EQ(out["instructions"], catalog["instructions"]);
+    json names = json::array();
+    for (const auto& tool : catalog["tools"]) names.push_back(tool["name"]);
+    EXPECT_EQ(out["tools"], names);
+    EXPECT_EQ(out["prompt"]["messages"][0]["content"]["text"],
               "Make a rough cut from the clips in /media/clips. Keep it about 60 seconds long with a lively feel: import "
               "the clips, order them on the timeline, then export to rough-cut.mp4 in the working folder.");
-    EXPECT_EQ(result["call"]["isError"], true);
-    EXPECT_EQ(result["call"]["content"][0]["text"],
-              R"(export_video has no parameter "pathh" (did you mean "path"?). Nothing was done.)");
-    EXPECT_EQ(result["ping"], Json::object());
-    EXPECT_EQ(result["unknownPrompt"]["code"], -32602);
-    EXPECT_NE(result["unknownPrompt"]["message"].get<std::string>().find("Unknown prompt."), std::string::npos);
+    EXPECT_EQ(out["refused"]["content"][0]["text"], R"(export_video has no parameter "pathh" (did you mean "path"?). Nothing was done.)");
+    EXPECT_EQ(out["project"]["isError"], false) << out["project"].dump();
+    // The export went through Studio and told its phases on the way (the
+    // client may hand the last one out after the result, so the wire says
+    // which were sent).
+    EXPECT_EQ(out["exported"]["isError"], false) << out["exported"].dump();
+    ASSERT_GE(out["progressOnWire"].size(), 2u) << out.dump();
+    EXPECT_EQ(out["progressOnWire"].front()["message"], "Export queued");
+    EXPECT_EQ(out["progressOnWire"].back()["message"], "Export completed");
+    // The cancelled call: the agent said so, and the bridge never answered
+    // it, although Studio finished it meanwhile.
+    EXPECT_EQ(out["cancelNotice"], out["cancelledId"]) << out.dump();
+    EXPECT_EQ(out["repliesToCancelled"], 0);
+    EXPECT_EQ(out["after"]["isError"], false) << out["after"].dump();
+    // Studio was asked on behalf of the agent that made the calls.
+    EXPECT_EQ(session.studioEvents("ask").at(0)["client"], "SDK Interop");
 }
+
+INSTANTIATE_TEST_SUITE_P(Clients, OfficialSdkClient, ::testing::Values("v1", "pin", "auto"),
+                         [](const auto& info) { return info.param; });

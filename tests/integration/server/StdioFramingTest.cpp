@@ -1,64 +1,73 @@
+// What an agent writes on the bridge's standard input, however it is cut
+// into lines and writes, and the lines the bridge answers with: each one
+// complete, compact JSON, and only JSON-RPC on standard output.
+#include <gmock/gmock.h>
+
+#include <thread>
+
 #include "BridgeSession.h"
 
 using namespace testsupport;
 
-TEST(StdioFraming, InputClosedAtOnceEndsQuietly) {
-    BridgeSession session;
-    int status = -1;
-    EXPECT_EQ(session.finish(&status), "");
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(session.child().stderrText(), "");
+namespace {
+
+std::string ping(const std::string& id) { return R"({"jsonrpc":"2.0","id":)" + id + R"(,"method":"ping"})" "\n"; }
+std::string pong(const std::string& id) { return R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":{}})"; }
+const std::string parseError = R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error"}})";
+
+// The writes, one read each (@BIG@ stands for 20 MiB of text, @DEEP@ for
+// two million opening brackets); the replies before input ends, in any
+// order; and what comes after.
+struct Framing {
+    std::string name;
+    std::vector<std::string> writes, replies;
+    std::string atEnd = "";
+};
+void PrintTo(const Framing& framing, std::ostream* out) { *out << framing.name; }
+
+const Framing framings[] = {
+    {"InputClosedAtOnce", {}, {}},
+    {"LastLineWithoutLineFeedIsHandledAtTheEnd", {ping("1") + ping("2") + R"({"jsonrpc":"2.0","id":3,"method":"ping"})"},
+     {pong("1"), pong("2")}, pong("3") + "\n"},
+    {"LineSplitAcrossWrites", {R"({"jsonrpc":"2.0","id":1,)", R"("method":"ping"})" "\n"}, {pong("1")}},
+    {"BlankLinesAreSkippedAndIdsComeBackAsSent", {ping("1") + "\n\n" + ping("0.5") + ping("true")}, {pong("1"), pong("0.5"), pong("true")}},
+    {"CarriageReturnLineFeed", {R"({"jsonrpc":"2.0","id":1,"method":"ping"})" "\r\n" + ping("2")}, {pong("1"), pong("2")}},
+    {"BatchElementsAreAnsweredAlone",
+     {R"([{"jsonrpc":"2.0","id":1,"method":"ping"},{"jsonrpc":"2.0","method":"notifications/initialized"},)"
+      R"({"jsonrpc":"2.0","id":2,"method":"ping"},5,"junk",null,[],{"jsonrpc":"2.0","id":9,"result":{}}])" "\n[]\n"},
+     {pong("1"), pong("2")}},
+    {"InvalidUtf8NulOrNoObject",
+     {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"ping\",\"params\":{\"x\":\"\xc3\x28\xff\"}}\n" + std::string(1, '\0') +
+      "\x80\x81\n42\n" + ping("2")},
+     {parseError, parseError, parseError, pong("2")}},
+    {"TwentyMebibyteLines", {R"({"jsonrpc":"2.0","id":1,"method":"ping","params":{"padding":"@BIG@"}})" "\n@BIG@\n"},
+     {pong("1"), parseError}},
+    {"NestingTooDeep", {"@DEEP@\n" + ping("1")}, {parseError, pong("1")}},
+};
+
+std::string expand(std::string text) {
+    if (auto at = text.find("@DEEP@"); at != std::string::npos) text.replace(at, 6, std::string(2000000, '['));
+    for (size_t at; (at = text.find("@BIG@")) != std::string::npos;) text.replace(at, 5, std::string(20 << 20, 'a'));
+    return text;
 }
 
-TEST(StdioFraming, TwoMessagesInOneWriteAndALastWithoutLineFeed) {
+}  // namespace
+
+class StdioFraming : public ::testing::TestWithParam<Framing> {};
+
+TEST_P(StdioFraming, EveryMessageIsAnsweredOnALineOfItsOwnAndTheEndOfInputEndsTheServer) {
     BridgeSession session;
-    std::string third = request(3, "ping");
-    third.pop_back();
-    session.send(request(1, "ping") + request(2, "ping") + third);
-    auto replies = session.next(2);
-    EXPECT_EQ(replies.size(), 2u);
-    // The third is handled only once input ends.
-    int status = -1;
-    std::string rest = session.finish(&status);
-    EXPECT_EQ(rest, R"({"jsonrpc":"2.0","id":3,"result":{}})" "\n");
-    EXPECT_EQ(status, 0);
+    ChildProcess& bridge = session.launch();
+    for (const auto& bytes : GetParam().writes) {
+        bridge.write(expand(bytes));
+        std::this_thread::sleep_for(100ms);
+    }
+    std::vector<std::string> replies;
+    for (size_t i = 0; i < GetParam().replies.size(); ++i) replies.push_back(bridge.readLine().value_or("(none)"));
+    EXPECT_THAT(replies, ::testing::UnorderedElementsAreArray(GetParam().replies));
+    EXPECT_EQ(session.finish(), GetParam().atEnd);
+    EXPECT_EQ(bridge.stderrText(), "");
 }
 
-TEST(StdioFraming, BlankLinesGetNoReplyAndNoError) {
-    BridgeSession session;
-    session.send(request(1, "ping") + "\n\n" + request(2, "ping"));
-    EXPECT_EQ(session.next(2).size(), 2u);
-    EXPECT_EQ(session.finish(), "");
-    EXPECT_EQ(session.child().stderrText(), "");
-}
-
-TEST(StdioFraming, CarriageReturnLineFeedEndsALineToo) {
-    BridgeSession session;
-    std::string line = request(1, "ping");
-    line.insert(line.size() - 1, "\r");
-    session.send(line + line);
-    auto replies = session.next(2);
-    EXPECT_EQ(replies.begin()->second, Json::parse(R"({"jsonrpc":"2.0","id":1,"result":{}})"));
-    EXPECT_EQ(session.finish(), "");
-}
-
-TEST(StdioFraming, EachReplyIsOneLineWithSlashesUnescaped) {
-    BridgeSession session;
-    session.send(request("a/b", "ping"));
-    auto line = session.child().readLine();
-    EXPECT_EQ(line, R"({"jsonrpc":"2.0","id":"a/b","result":{}})");
-    EXPECT_EQ(session.finish(), "");
-}
-
-TEST(StdioFraming, BatchElementsAreAnsweredAlone) {
-    BridgeSession session;
-    Json batch = Json::array({Json::parse(request(1, "ping")), {{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}},
-                              Json::parse(request(2, "tools/list")), 5, "junk", nullptr, Json::array(),
-                              {{"jsonrpc", "2.0"}, {"id", 9}, {"result", Json::object()}}});
-    session.send(batch.dump() + "\n[]\n");
-    auto replies = session.next(2);
-    ASSERT_EQ(replies.size(), 2u);
-    EXPECT_EQ(replies["1"]["result"], Json::object());
-    EXPECT_TRUE(replies["2"]["result"]["tools"].is_array());
-    EXPECT_EQ(session.finish(), "");
-}
+INSTANTIATE_TEST_SUITE_P(Writes, StdioFraming, ::testing::ValuesIn(framings),
+                         [](const auto& info) { return info.param.name; });

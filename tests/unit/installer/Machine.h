@@ -1,76 +1,282 @@
-// A user's machine in a temporary folder for installer tests: a home, a bin
-// folder that is the whole PATH, the agent doubles of tests/fixtures/agents
-// copied into it on request, and a Studio bundle with the bridge and a skill.
-// The doubles keep their state and a log of their calls next to themselves,
-// so tests set up and inspect an agent through files.
+// A user's machine in memory for installer tests: files (MemoryFiles), the
+// programs of Claude Code, Codex and OpenCode as one recording double
+// (FakeAgents) answering their "mcp" subcommands in the programs' own words,
+// and the installer run against both. Nothing touches the disk or starts a
+// process: the real services are tested in tests/unit/platform, the real
+// agents in tests/integration/installer.
 #pragma once
-#include <filesystem>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "installer/BridgeInstaller.h"
-#include "support/TempDir.h"
+
+// Results are written with designated initializers naming only the fields
+// that matter; the others keep their defaults on purpose.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace installertest {
 
 namespace fs = std::filesystem;
+using platform::FileKind;
+using platform::SystemError;
+
+// Files, folders and links by absolute path, links followed as the kernel
+// follows them. Every write is recorded; a write can be made to fail.
+class MemoryFiles final : public platform::Files {
+public:
+    std::vector<fs::path> written;       // every file replaced, in order
+    std::map<fs::path, int> failWrites;  // errno a write of that file fails with
+
+    fs::path put(const fs::path& path, FileKind kind, std::string bytes = {}, mode_t mode = 0644) {
+        createFolders(path.parent_path());
+        nodes_[path] = {kind, std::move(bytes), mode};  // a link's bytes: its target
+        return path;
+    }
+    fs::path write(const fs::path& path, std::string bytes, mode_t mode = 0644) { return put(path, FileKind::file, bytes, mode); }
+    std::optional<std::string> text(const fs::path& path) const { return read(path).bytes; }
+
+    platform::FileContents read(const fs::path& file) const override {
+        auto [path, error] = walk(file, true);
+        if (!error && nodes_.at(path).kind == FileKind::folder) error = EISDIR;
+        if (error) return {std::nullopt, SystemError::fromErrno(error, "Could not read " + file.string())};
+        return {nodes_.at(path).bytes, std::nullopt};
+    }
+    std::optional<SystemError> writeAtomically(const fs::path& file, std::string_view bytes, std::optional<mode_t> mode) override {
+        auto [folder, error] = walk(file.parent_path(), true);
+        fs::path path = folder / file.filename();
+        if (!error && nodes_.at(folder).kind != FileKind::folder) error = ENOTDIR;
+        if (!error && failWrites.count(file)) error = failWrites.at(file);
+        if (!error && nodes_.count(path) && nodes_[path].kind == FileKind::folder) error = EISDIR;
+        if (error) return SystemError::fromErrno(error, "Could not write " + file.string());
+        nodes_[path] = {FileKind::file, std::string(bytes), mode.value_or(0644)};
+        written.push_back(file);
+        return std::nullopt;
+    }
+    std::optional<SystemError> createFolders(const fs::path& folder) override {
+        fs::path prefix;
+        for (const auto& part : folder) {
+            auto [path, error] = walk(prefix /= part, true);
+            if (error == ENOENT) nodes_[path] = {FileKind::folder, {}, 0755};
+            else if (error || nodes_.at(path).kind != FileKind::folder)
+                return SystemError::fromErrno(error ? error : prefix == folder ? EEXIST : ENOTDIR,
+                                              "Could not create the folder " + folder.string());
+        }
+        return std::nullopt;
+    }
+    std::optional<SystemError> remove(const fs::path& given) override {
+        auto [path, error] = walk(given, false);
+        auto next = nodes_.upper_bound(path);
+        if (!error && next != nodes_.end() && next->first.parent_path() == path) error = ENOTEMPTY;
+        if (error) return SystemError::fromErrno(error, "Could not remove " + given.string());
+        nodes_.erase(path);
+        return std::nullopt;
+    }
+    platform::FileStatus status(const fs::path& path) const override { return statusOf(walk(path, true)); }
+    platform::FileStatus linkStatus(const fs::path& path) const override { return statusOf(walk(path, false)); }
+    bool isExecutable(const fs::path& path) const override {
+        return status(path).kind == FileKind::file && (status(path).permissions & 0111);
+    }
+    bool readable(const fs::path& path) const override { return status(path).kind == FileKind::file; }
+    fs::path resolved(const fs::path& path) const override {
+        auto [resolved, error] = walk(path, true);
+        return error == ELOOP ? path.lexically_normal() : resolved;
+    }
+
+private:
+    struct Node {
+        FileKind kind;
+        std::string bytes;
+        mode_t mode;
+    };
+    // Where the path leads, and errno when it leads nowhere; what is left of
+    // it after a missing component is spelled out as it is.
+    std::pair<fs::path, int> walk(const fs::path& path, bool followLast) const {
+        std::vector<std::string> rest;  // a stack: the next component last
+        for (const auto& part : path.relative_path()) rest.insert(rest.begin(), part.string());
+        fs::path at = "/";
+        for (int links = 0; !rest.empty();) {
+            std::string part = rest.back();
+            rest.pop_back();
+            if (part.empty() || part == ".") continue;
+            if (part == "..") {
+                at = at.parent_path();
+                continue;
+            }
+            auto node = nodes_.find(at / part);
+            if (node == nodes_.end()) {
+                for (at /= part; !rest.empty(); rest.pop_back()) at /= rest.back();
+                return {at.lexically_normal(), ENOENT};
+            }
+            if (node->second.kind == FileKind::link && (followLast || !rest.empty())) {
+                if (++links > 40) return {path, ELOOP};
+                fs::path target = node->second.bytes;
+                if (target.is_absolute()) at = "/";
+                std::vector<std::string> parts;
+                for (const auto& p : target.relative_path()) parts.insert(parts.begin(), p.string());
+                rest.insert(rest.end(), parts.begin(), parts.end());
+            } else if (!rest.empty() && node->second.kind != FileKind::folder) {
+                return {path, ENOTDIR};
+            } else {
+                at /= part;
+            }
+        }
+        return {at, 0};
+    }
+    platform::FileStatus statusOf(const std::pair<fs::path, int>& walked) const {
+        if (walked.second) return {walked.second == ELOOP ? FileKind::unknown : FileKind::missing, 0};
+        return {nodes_.at(walked.first).kind, nodes_.at(walked.first).mode};
+    }
+
+    std::map<fs::path, Node> nodes_ = {{"/", {FileKind::folder, {}, 0755}}};
+};
+
+// Claude Code's answer to "mcp get NAME" for a stdio entry, word for word.
+inline std::string claudeAnswer(const std::string& name, const std::string& command, const std::string& args) {
+    return name + ":\n  Scope: User config (available in all your projects)\n  Status: \u2718 Failed to connect\n"
+           "  Type: stdio\n  Command: " + command + "\n  Args:" + (args.empty() ? "" : " " + args) +
+           "\n  Environment:\n\nTo remove this server, run: claude mcp remove " + name + " -s user\n";
+}
+
+// The programs of the three agents, each found at <bin>/<id>. Claude Code and
+// Codex keep their servers here (name: the command's words); OpenCode writes
+// its configuration file as the real one does. Every call's arguments are
+// recorded, and a scripted result answers the calls whose arguments after
+// "mcp" start with its prefix (the longest prefix wins).
+class FakeAgents final : public platform::CommandRunner {
+public:
+    FakeAgents(MemoryFiles& files, fs::path openCodeFolder) : files_(files), openCodeFolder_(std::move(openCodeFolder)) {}
+
+    std::map<std::string, std::map<std::string, std::vector<std::string>>> servers;
+    std::map<std::string, std::vector<std::string>> calls;
+    std::map<std::string, std::map<std::string, platform::CommandResult>> scripts;
+    void script(const std::string& id, const std::string& prefix, std::string output, int status) {
+        scripts[id][prefix] = answer(status, std::move(output));
+    }
+
+    platform::CommandResult run(const fs::path& program, const std::vector<std::string>& args, double) override {
+        std::string id = program.filename(), line;
+        for (const auto& arg : args) line += (line.empty() ? "" : " ") + arg;
+        calls[id].push_back(line);
+        const platform::CommandResult* scripted = nullptr;
+        for (const auto& [prefix, result] : scripts[id])
+            if (line.rfind("mcp " + prefix, 0) == 0) scripted = &result;
+        if (scripted) return *scripted;
+        auto dash = std::find(args.begin(), args.end(), "--");
+        std::vector<std::string> words(dash == args.end() ? dash : dash + 1, args.end());
+        std::string sub = args.at(1), name = id == "claude" && sub == "add" ? args.at(4) : args.at(2);
+        if (id == "opencode") return openCodeAdd(args, name, words);
+        auto& list = servers[id];
+        if (sub == "get" && !list.count(name))
+            return answer(1, id == "claude" ? "No MCP server named \"" + name + "\". Run `claude mcp add` to add one.\n"
+                                            : "Error: No MCP server named '" + name + "' found.\n");
+        if (sub == "get" && id == "claude") {
+            std::string rest;
+            for (std::size_t i = 1; i < list[name].size(); ++i) rest += (i > 1 ? " " : "") + list[name][i];
+            return answer(0, claudeAnswer(name, list[name].front(), rest));
+        }
+        if (sub == "get") {
+            nlohmann::json transport = {{"type", "stdio"}, {"command", list[name].front()}, {"env", nullptr},
+                                        {"args", std::vector<std::string>(list[name].begin() + 1, list[name].end())}};
+            return answer(0, nlohmann::json{{"name", name}, {"enabled", true}, {"transport", transport}}.dump(2) + "\n");
+        }
+        if (sub == "add") list[name] = words;
+        else list.erase(name);
+        return answer(0, (sub == "add" ? "Added MCP server " : "Removed MCP server ") + name + "\n");
+    }
+
+private:
+    static platform::CommandResult answer(int status, std::string output) {
+        return {.status = status, .exited = true, .head = std::move(output)};
+    }
+    // Current OpenCode refuses --global with its help; the plain form writes
+    // the global configuration, through a link if one is there.
+    platform::CommandResult openCodeAdd(const std::vector<std::string>& args, const std::string& name,
+                                        const std::vector<std::string>& command) {
+        if (args.at(3) != "--") return answer(1, "opencode mcp add [name]\n\nadd an MCP server\n");
+        fs::path file = openCodeFolder_ / "opencode.json";
+        if (!files_.status(file).exists()) file = openCodeFolder_ / "opencode.jsonc";
+        EXPECT_FALSE(files_.status(file).exists()) << "the double adds to new files only";
+        std::string words;
+        for (const auto& word : command) words += (words.empty() ? "\n        \"" : ",\n        \"") + word + "\"";
+        files_.createFolders(openCodeFolder_);
+        files_.writeAtomically(files_.resolved(file), "{\n  \"$schema\": \"https://opencode.ai/config.json\",\n  \"mcp\": {\n    \"" +
+                                   name + "\": {\n      \"type\": \"local\",\n      \"command\": [" + words +
+                                   "\n      ]\n    }\n  }\n}\n", std::nullopt);
+        return answer(0, "\u2502\n\u25C6  MCP server \"" + name + "\" added to " + file.string() + "\n");
+    }
+
+    MemoryFiles& files_;
+    fs::path openCodeFolder_;
+};
 
 inline const std::string skillText = "# Vantoric Studio\n\nMake videos with Studio.\n";
+inline const std::string advice =
+    "\nStart a new session in your agent and ask it to make a demo video with Vantoric Studio.\n"
+    "The first time, Studio asks you once to allow the agent.\n";
+
+// HOME is always set, so only "~user" paths ask for a user, and none exists.
+struct NoOtherUsers final : platform::Users {
+    std::optional<std::string> homeOf(const std::string&) const override { return std::nullopt; }
+};
 
 class Machine {
 public:
-    Machine();
+    const fs::path root = "/m", home = root / "home", bin = root / "bin";
+    const fs::path app = root / "Applications/Vantoric Studio.app", bridge = app / "Contents/MacOS/vantoric-studio-mcp";
+    fs::path openCodeFolder() const { return home / ".config/opencode"; }
 
-    const fs::path& root() const { return dir_.path(); }
-    fs::path home() const { return root() / "home"; }
-    fs::path bin() const { return root() / "bin"; }
-    const fs::path& bridge() const { return bridge_; }
-    fs::path openCodeFolder() const { return home() / ".config" / "opencode"; }
-
-    // Puts the double of claude, codex or opencode on the PATH.
-    void installAgent(const std::string& id);
-    // Their user-level server list ("NAME\tstdio\tCOMMAND\tARGS" lines).
-    void setServers(const std::string& id, const std::string& lines) { write("bin/" + id + ".servers", lines); }
-    std::string servers(const std::string& id) const { return testsupport::readFile(bin() / (id + ".servers")); }
-    // Every call's arguments, one line each, oldest first.
-    std::vector<std::string> calls(const std::string& id) const;
-    // Makes the next calls of `subcommand` print `reply` and exit with `status`.
-    void script(const std::string& id, const std::string& subcommand, const std::string& reply, int status);
-    fs::path write(const std::string& relative, const std::string& contents) const { return dir_.write(relative, contents); }
-
-    // The user's environment: HOME, PATH and `variables`.
-    platform::Environment environment() const {
-        platform::Environment all = variables;
-        all["HOME"] = home().string();
-        all["PATH"] = bin().string();
-        return all;
-    }
-    platform::Environment variables;
-    BridgeInstaller::Settings settings() const;
-    // Seconds an agent's program may take; shortened by tests of programs that hang.
+    MemoryFiles files;
+    FakeAgents agents{files, openCodeFolder()};
+    NoOtherUsers users;
+    platform::Environment variables;  // besides HOME and PATH (bin only)
     double timeout = 30;
-    BridgeInstaller::Agent agent(const std::string& id) const;
+    std::optional<fs::path> studio = app;  // the located Studio bundle
+
+    Machine() {
+        files.createFolders(home);
+        files.createFolders(bin);
+        files.write(app / "Contents/Resources/AgentLink/vantoric-studio-skill.md", skillText);
+        files.write(bridge, "#!/bin/sh\n", 0755);
+    }
+    void installAgent(const std::string& id) { files.write(bin / id, "", 0755); }
+    BridgeInstaller::Settings settings() const { return {"vantoric-studio", true, timeout, ""}; }
+    BridgeInstaller::System system() {
+        environment_ = variables;
+        environment_["HOME"] = home.string();
+        environment_["PATH"] = bin.string();
+        return {files, agents, users, environment_};
+    }
+    BridgeInstaller::Agent agent(const std::string& id) {
+        for (auto& agent : BridgeInstaller::detect(system()))
+            if (agent.id == id) return agent;
+        throw std::runtime_error(id + " is not installed on this machine");
+    }
 
     struct Result {
+        std::vector<std::string> arguments;
         int status;
         std::string output;
     };
-    // The installer as run by the bridge at `bridge` (this machine's by default).
-    Result run(const std::vector<std::string>& arguments, std::optional<fs::path> bridge = {}) const;
+    Result run(const std::vector<std::string>& arguments, std::optional<fs::path> bridge = {}) {
+        std::ostringstream out;
+        int status = BridgeInstaller::run(arguments, bridge.value_or(this->bridge), studio, system(), settings(), out);
+        return {arguments, status, out.str()};
+    }
+    // Runs the installer with each command line in turn and checks its exit
+    // status and everything it printed.
+    void expect(const std::vector<Result>& runs) {
+        for (const auto& expected : runs) {
+            auto result = run(expected.arguments);
+            EXPECT_EQ(result.status, expected.status) << testing::PrintToString(expected.arguments);
+            EXPECT_EQ(result.output, expected.output) << testing::PrintToString(expected.arguments);
+        }
+    }
 
 private:
-    testsupport::TempDir dir_;
-    fs::path bridge_;
+    platform::Environment environment_;
 };
-
-// Whether claude, codex or opencode lie in the places detection always
-// searches besides PATH; tests that need an agent to be missing skip then.
-bool systemHasAgents();
-
-// A line of a double's server list for a stdio entry.
-inline std::string stdioEntry(const std::string& name, const std::string& command, const std::string& arguments = "") {
-    return name + "\tstdio\t" + command + "\t" + arguments + "\n";
-}
 
 }  // namespace installertest

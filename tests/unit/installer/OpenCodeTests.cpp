@@ -1,9 +1,6 @@
 // OpenCode's configuration files: scanning, adding through OpenCode's own
-// program, editing entries in place byte for byte, and what cannot be read.
-#include <sys/stat.h>
-
-#include <gtest/gtest.h>
-
+// program, editing entries in place byte for byte, links, and what cannot be
+// read or written.
 #include "Machine.h"
 #include "installer/OpenCode.h"
 
@@ -11,87 +8,70 @@ using namespace installertest;
 
 namespace {
 
-const std::string removeByHand = "    Remove \"vantoric-studio\" from its \"mcp\" section by hand.";
+const std::string removeByHand = "    Remove \"vantoric-studio\" from its \"mcp\" section by hand.\n";
 
 std::string entryFile(const std::string& command) {
-    return "{\n  \"mcp\": {\n    \"vantoric-studio\": {\n      \"type\": \"local\",\n      \"command\": " + command +
-           "\n    }\n  }\n}\n";
+    return "{\n  \"mcp\": {\n    \"vantoric-studio\": {\n      \"type\": \"local\",\n      \"command\": " + command + "\n    }\n  }\n}\n";
 }
 
 class OpenCodeConfig : public ::testing::Test {
 protected:
     void SetUp() override { machine.installAgent("opencode"); }
     fs::path config(const std::string& name) const { return machine.openCodeFolder() / name; }
-    fs::path write(const std::string& name, const std::string& text) const {
-        return machine.write("home/.config/opencode/" + name, text);
-    }
-    std::string read(const std::string& name) const { return testsupport::readFile(config(name)); }
-    std::string bridgeArray() const { return "[\"" + machine.bridge().string() + "\"]"; }
-    std::string firstLine(const std::string& output) const { return output.substr(0, output.find('\n')); }
+    void write(const std::string& name, const std::string& text) { machine.files.write(config(name), text); }
+    std::optional<std::string> read(const std::string& name) const { return machine.files.text(config(name)); }
+    std::string bridgeArray() const { return "[\"" + machine.bridge.string() + "\"]"; }
+    std::vector<std::string>& calls() { return machine.agents.calls["opencode"]; }
 
     Machine machine;
+    fs::path dotfile = machine.root / "dotfiles/opencode.jsonc";
 };
 
 }  // namespace
 
-TEST_F(OpenCodeConfig, NoFileIsNotAddedAndInstallLetsOpenCodeAddIt) {
-    EXPECT_EQ(machine.run({"status"}).output, "OpenCode: MCP server not added, skill not installed.\n");
-    auto result = machine.run({"install"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(firstLine(result.output), "OpenCode: Studio's MCP server added, skill installed.");
-    std::string bridge = machine.bridge().string();
+TEST_F(OpenCodeConfig, NoFileOrADanglingLinkIsNotAddedYetAndOpenCodeAddsItThroughTheLink) {
+    machine.files.createFolders(dotfile.parent_path());
+    machine.files.put(config("opencode.jsonc"), FileKind::link, "../../../dotfiles/opencode.jsonc");
+    machine.expect({{{"status"}, 0, "OpenCode: MCP server not added, skill not installed.\n"},
+                    {{"uninstall"}, 0, "OpenCode: no MCP server to remove.\n"},
+                    {{"install"}, 0, "OpenCode: Studio's MCP server added, skill installed.\n" + advice},
+                    {{"install"}, 0, "OpenCode: Studio's MCP server already set up, skill installed.\n" + advice}});
     // Current OpenCode refuses --global; the plain form writes the global file.
-    EXPECT_EQ(machine.calls("opencode"), (std::vector<std::string>{"mcp add --global vantoric-studio -- " + bridge,
-                                                                    "mcp add vantoric-studio -- " + bridge}));
-    EXPECT_NE(read("opencode.jsonc").find("\"command\": [\n        \"" + bridge + "\"\n      ]"), std::string::npos)
-        << read("opencode.jsonc");
-    EXPECT_EQ(machine.run({"status"}).output, "OpenCode: MCP server added, skill installed.\n");
-    EXPECT_EQ(firstLine(machine.run({"install"}).output), "OpenCode: Studio's MCP server already set up, skill installed.");
-    EXPECT_EQ(machine.calls("opencode").size(), 2u);
-}
-
-TEST_F(OpenCodeConfig, AddThatLeavesNoEntryIsReported) {
-    machine.script("opencode", "add", "\u25C6  MCP server \"vantoric-studio\" added\n", 0);
-    auto silent = machine.run({"install"});
-    EXPECT_EQ(silent.status, 1);
-    EXPECT_EQ(silent.output, "OpenCode: OpenCode said it added Studio's MCP server, but its global config does not "
-                             "show it, skill installed.\n"
-                             "    \u25C6  MCP server \"vantoric-studio\" added\n");
+    std::string bridge = machine.bridge.string();
+    EXPECT_EQ(calls(), (std::vector<std::string>{"mcp add --global vantoric-studio -- " + bridge, "mcp add vantoric-studio -- " + bridge}));
+    EXPECT_EQ(machine.files.linkStatus(config("opencode.jsonc")).kind, FileKind::link);
+    EXPECT_TRUE(machine.files.text(dotfile));
 }
 
 TEST_F(OpenCodeConfig, AddIsRetriedWithoutGlobalOnlyWhenOpenCodeExitedRefusingIt) {
     struct Case {
-        std::string withGlobal;  // what the program does when given --global
-        std::string without;     // and otherwise
+        platform::CommandResult withGlobal, without;
         std::size_t calls;
-        std::string details;
+        std::string output;
     };
-    std::vector<Case> cases = {
-        // Refused, then failed anyway: both answers are shown.
-        {"echo 'opencode mcp add [name]'; exit 1", "echo 'Error: config folder is read-only'; exit 1", 2,
-         "    opencode mcp add [name]\n    Without --global:\n    Error: config folder is read-only\n"},
-        // Hung or killed: the plain form would fare no better, and the first
-        // answer is the one that tells why.
-        {"echo 'Loading plugins'; exec sleep 60", "exit 0", 1,
-         "    Loading plugins\n    (stopped after 1 s without an answer)\n"},
-        {"echo 'Loading plugins'; kill -9 $$", "exit 0", 1, "    Loading plugins\n"},
-    };
+    auto exited = [](int status, std::string output) { return platform::CommandResult{.status = status, .exited = true, .head = output}; };
+    std::string added = "\u25C6  MCP server \"vantoric-studio\" added\n", failed = "could not add Studio's MCP server, skill installed.\n";
     machine.timeout = 1;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.withGlobal);
-        fs::remove(machine.bin() / "opencode.calls");
-        fs::path program = machine.write("bin/opencode", "#!/bin/sh\necho \"$*\" >> \"$(dirname \"$0\")/opencode.calls\"\n"
-                                                         "case \"$*\" in *--global*) " + c.withGlobal + ";; esac\n" +
-                                                         c.without + "\n");
-        fs::permissions(program, fs::perms::owner_all, fs::perm_options::add);
-        auto result = machine.run({"install"});
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.output, "OpenCode: could not add Studio's MCP server, skill installed.\n" + c.details);
-        EXPECT_EQ(machine.calls("opencode").size(), c.calls);
+    for (const auto& c : std::vector<Case>{
+             // Refused, then failed anyway: both answers are shown.
+             {exited(1, "opencode mcp add [name]\n"), exited(1, "Error: config folder is read-only\n"), 2,
+              failed + "    opencode mcp add [name]\n    Without --global:\n    Error: config folder is read-only\n"},
+             // Hung or killed: the plain form would fare no better, and the
+             // first answer is the one that tells why.
+             {{.stopped = true, .head = "Loading plugins\n"}, exited(0, ""), 1,
+              failed + "    Loading plugins\n    (stopped after 1 s without an answer)\n"},
+             {{.status = 9, .head = "Loading plugins\n"}, exited(0, ""), 1, failed + "    Loading plugins\n"},
+             // Said so, yet wrote nothing.
+             {exited(0, added), exited(0, ""), 1,
+              "OpenCode said it added Studio's MCP server, but its global config does not show it, skill installed.\n    " + added}}) {
+        machine.agents.calls.clear();
+        machine.agents.scripts["opencode"] = {{"add --global", c.withGlobal}, {"add vantoric-studio", c.without}};
+        machine.expect({{{"install"}, 1, "OpenCode: " + c.output}});
+        EXPECT_EQ(calls().size(), c.calls) << c.output;
     }
 }
 
-TEST_F(OpenCodeConfig, OnlyTheEntryChangesInAFileWithCommentsTrailingCommasAndLatin1) {
+TEST_F(OpenCodeConfig, OnlyTheEntryChangesAtALinksTargetWithCommentsTrailingCommasAndLatin1) {
     std::string before =
         "// my OpenCode setup, r\xE9sum\xE9 of my servers\n"  // Latin-1, not UTF-8: the user's bytes all the same
         "{\n"
@@ -106,162 +86,84 @@ TEST_F(OpenCodeConfig, OnlyTheEntryChangesInAFileWithCommentsTrailingCommasAndLa
         "    },\n"
         "  },\n"
         "}\n";
-    write("opencode.json", before);
-    ::chmod(config("opencode.json").c_str(), 0640);
-
-    auto status = machine.run({"status"});
-    EXPECT_EQ(status.output, "OpenCode: MCP server added but it runs another copy, skill not installed.\n"
-                             "    It runs /opt/old/vantoric-studio-mcp; `vantoric-studio-mcp install` points it at "
-                             "this one.\n");
-    auto result = machine.run({"install"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(firstLine(result.output),
-              "OpenCode: Studio's MCP server updated (it ran /opt/old/vantoric-studio-mcp), skill installed.");
-
-    std::string oldArray = "[\"/opt/old/vantoric-studio-mcp\",\n                   ]";
-    std::string expected = before;
+    machine.files.write(dotfile, before, 0640);
+    machine.files.put(config("opencode.json"), FileKind::link, "../../../dotfiles/opencode.jsonc");
+    machine.expect({{{"status"}, 0, "OpenCode: MCP server added but it runs another copy, skill not installed.\n    It runs "
+                                    "/opt/old/vantoric-studio-mcp; `vantoric-studio-mcp install` points it at this one.\n"},
+                    {{"install"}, 0, "OpenCode: Studio's MCP server updated (it ran /opt/old/vantoric-studio-mcp), skill installed.\n" + advice}});
+    std::string oldArray = "[\"/opt/old/vantoric-studio-mcp\",\n                   ]", expected = before;
     expected.replace(expected.find(oldArray), oldArray.size(), bridgeArray());
-    EXPECT_EQ(read("opencode.json"), expected);
-    EXPECT_EQ(fs::status(config("opencode.json")).permissions(),
-              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    EXPECT_EQ(machine.files.text(dotfile), expected);
+    EXPECT_EQ(machine.files.status(dotfile).permissions, 0640u);
+    EXPECT_EQ(machine.files.linkStatus(config("opencode.json")).kind, FileKind::link);
 
     EXPECT_EQ(machine.run({"uninstall"}).status, 0);
     std::string entry = expected.substr(expected.find("    \"vantoric-studio\""));
-    entry = entry.substr(0, entry.find("    },\n") + 7);
-    expected.erase(expected.find(entry), entry.size());
-    EXPECT_EQ(read("opencode.json"), expected);
-    EXPECT_TRUE(machine.calls("opencode").empty());
+    expected.erase(expected.find(entry), entry.find("    },\n") + 7);
+    EXPECT_EQ(machine.files.text(dotfile), expected);
+    EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(OpenCodeConfig, BothFilesAreScannedAndOnlyTheStaleOneIsRewritten) {
-    std::string current = entryFile(bridgeArray());
-    write("opencode.json", current);
-    write("opencode.jsonc", entryFile("[\"npx\", \"studio-mcp\"]"));
-
-    auto status = machine.run({"status", "--json"});
-    EXPECT_NE(status.output.find(R"({"detail":"npx studio-mcp","id":"opencode","registration":"other")"),
-              std::string::npos)
-        << status.output;
-
-    auto install = machine.run({"install"});
-    EXPECT_EQ(firstLine(install.output), "OpenCode: Studio's MCP server updated (it ran npx studio-mcp), skill installed.");
-    EXPECT_EQ(read("opencode.json"), current);
-    EXPECT_EQ(read("opencode.jsonc"), current);
-
-    auto uninstall = machine.run({"uninstall"});
-    EXPECT_EQ(uninstall.status, 0);
-    EXPECT_EQ(uninstall.output, "OpenCode: MCP server removed, MCP server removed, skill removed.\n");
+TEST_F(OpenCodeConfig, EveryEntryInBothFilesIsFoundAndOnlyStaleOnesAreRewritten) {
+    write("opencode.json", entryFile(bridgeArray()));
+    write("opencode.jsonc", "{\n  \"mcp\": {\n    \"servers\": {\n      \"vantoric-studio\": {\"command\": [\"npx\", \"studio-mcp\"]}"
+                            "\n    },\n    \"vantoric-studio\": {\"command\": " + bridgeArray() + "},\n    \"keep\": {}\n  }\n}\n");
+    auto scan = BridgeInstaller::openCodeScan(machine.agent("opencode"), machine.settings(), machine.system());
+    ASSERT_EQ(scan.entries.size(), 3u);
+    EXPECT_EQ(scan.entries[1].path, (std::vector<std::string>{"mcp", "servers", "vantoric-studio"}));
+    EXPECT_EQ(scan.entries[2].path, (std::vector<std::string>{"mcp", "vantoric-studio"}));
+    EXPECT_NE(machine.run({"status", "--json"}).output.find(R"({"detail":"npx studio-mcp","id":"opencode","registration":"other")"),
+              std::string::npos);
+    machine.expect({{{"install"}, 0, "OpenCode: Studio's MCP server updated (it ran npx studio-mcp), skill installed.\n" + advice},
+                    {{"status"}, 0, "OpenCode: MCP server added, skill installed.\n"}});
+    EXPECT_EQ(machine.files.written.front(), config("opencode.jsonc")) << "the current file is left alone";
+    machine.expect({{{"uninstall"}, 0, "OpenCode: MCP server removed, MCP server removed, skill removed.\n"},
+                    {{"uninstall"}, 0, "OpenCode: no MCP server to remove.\n"}});
     EXPECT_EQ(read("opencode.json"), "{\n  \"mcp\": {\n  }\n}\n");
-    EXPECT_EQ(read("opencode.jsonc"), "{\n  \"mcp\": {\n  }\n}\n");
-    EXPECT_EQ(machine.run({"uninstall"}).output, "OpenCode: no MCP server to remove.\n");
-}
-
-TEST_F(OpenCodeConfig, EntriesUnderServersAndDirectlyUnderMcpGoInOneEdit) {
-    write("opencode.jsonc",
-          "{\n  \"mcp\": {\n    \"servers\": {\n      \"vantoric-studio\": {\"command\": " + bridgeArray() +
-              "}\n    },\n    \"vantoric-studio\": {\"command\": " + bridgeArray() + "},\n    \"keep\": {}\n  }\n}\n");
-    EXPECT_EQ(machine.run({"status"}).output, "OpenCode: MCP server added, skill not installed.\n");
-    auto scan = BridgeInstaller::openCodeScan(machine.agent("opencode"), machine.settings());
-    ASSERT_EQ(scan.entries.size(), 2u);
-    EXPECT_EQ(scan.entries[0].path, (std::vector<std::string>{"mcp", "servers", "vantoric-studio"}));
-    EXPECT_EQ(scan.entries[1].path, (std::vector<std::string>{"mcp", "vantoric-studio"}));
-
-    EXPECT_EQ(machine.run({"uninstall"}).output, "OpenCode: MCP server removed.\n");
     EXPECT_EQ(read("opencode.jsonc"), "{\n  \"mcp\": {\n    \"servers\": {\n    },\n    \"keep\": {}\n  }\n}\n");
+    // Only an array of strings is a command.
+    auto entries = BridgeInstaller::openCodeEntries(R"({"mcp": {"vantoric-studio": {"command": ["a", 1]}, "servers": )"
+                                                    R"({"vantoric-studio": {"command": []}}}})", "/f", "vantoric-studio");
+    EXPECT_EQ(entries.value().at(0).command, std::vector<std::string>{});
+    EXPECT_EQ(entries.value().at(1).command, std::nullopt);
 }
 
-TEST_F(OpenCodeConfig, EntryWithoutACommandIsAnotherServerThatCannotBeUpdated) {
+TEST_F(OpenCodeConfig, EntryThatCannotBeEditedOrWrittenIsLeftWithAStepByHand) {
     std::string before = "{\"mcp\": {\"vantoric-studio\": {\"type\": \"remote\", \"url\": \"http://h\"}}}";
     write("opencode.json", before);
-    EXPECT_EQ(machine.run({"status"}).output,
-              "OpenCode: MCP server added but it runs another copy, skill not installed.\n"
-              "    It runs a server without a command; `vantoric-studio-mcp install` points it at this one.\n");
-    auto result = machine.run({"install"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.output, "OpenCode: could not update " + config("opencode.json").string() +
-                                 ", skill installed.\n"
-                                 "    It could not be edited safely (Studio edits only JSON with comments it can read "
-                                 "back).\n"
-                                 "    Set the \"command\" of mcp \u203A vantoric-studio there to " +
-                                 bridgeArray() + ".\n");
+    std::string path = config("opencode.json").string();
+    std::string setByHand = "    Set the \"command\" of mcp \u203A vantoric-studio there to " + bridgeArray() + ".\n";
+    machine.expect({{{"status"}, 0, "OpenCode: MCP server added but it runs another copy, skill not installed.\n    It runs "
+                                    "a server without a command; `vantoric-studio-mcp install` points it at this one.\n"},
+                    {{"install"}, 1, "OpenCode: could not update " + path + ", skill installed.\n    It could not be edited "
+                                     "safely (Studio edits only JSON with comments it can read back).\n" + setByHand}});
     EXPECT_EQ(read("opencode.json"), before);
+    write("opencode.json", entryFile("[\"/old\"]"));
+    machine.files.failWrites[config("opencode.json")] = EROFS;
+    std::string readOnly = "    Could not write " + path + ": Read-only file system.\n";
+    machine.expect({{{"install"}, 1, "OpenCode: could not update " + path + ", skill installed.\n" + readOnly + setByHand},
+                    {{"uninstall"}, 1, "OpenCode: could not edit " + path + ", skill removed.\n" + readOnly +
+                                           "    Remove \"vantoric-studio\" from mcp there by hand.\n"}});
+    EXPECT_EQ(read("opencode.json"), entryFile("[\"/old\"]"));
 }
 
-TEST_F(OpenCodeConfig, LinkedConfigurationIsEditedAtItsTargetAndStaysALink) {
-    fs::path target = machine.write("dotfiles/opencode.jsonc", entryFile("[\"/old\"]"));
-    ::chmod(target.c_str(), 0600);
-    fs::create_directories(machine.openCodeFolder());
-    fs::create_symlink("../../../dotfiles/opencode.jsonc", config("opencode.jsonc"));
-
-    EXPECT_EQ(machine.run({"install"}).status, 0);
-    EXPECT_TRUE(fs::is_symlink(config("opencode.jsonc")));
-    EXPECT_EQ(testsupport::readFile(target), entryFile(bridgeArray()));
-    EXPECT_EQ(fs::status(target).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    // No temporary file is left beside the target.
-    EXPECT_EQ(std::distance(fs::directory_iterator(target.parent_path()), fs::directory_iterator()), 1);
-}
-
-TEST_F(OpenCodeConfig, BrokenFileIsIgnoredUnlessItNamesTheServer) {
+TEST_F(OpenCodeConfig, UnreadableFilesAreNamedAndABrokenOneCountsOnlyWhenItNamesTheServer) {
     write("opencode.json", "{ \"theme\": \"dark\", oops }");
-    EXPECT_EQ(machine.run({"status"}).output, "OpenCode: MCP server not added, skill not installed.\n");
-
+    machine.expect({{{"status"}, 0, "OpenCode: MCP server not added, skill not installed.\n"}});
     write("opencode.json", "{ \"mcp\": { \"vantoric-studio\": { \"command\": [\"/old\"] } }");  // unclosed
     write("opencode.jsonc", entryFile("[\"/old\"]"));
     std::string path = config("opencode.json").string();
-
-    auto status = machine.run({"status"});
-    EXPECT_EQ(status.status, 1);
-    EXPECT_EQ(status.output, "OpenCode: MCP server unknown, skill not installed.\n    " + path +
-                                 " could not be read as JSON.\n");
-
-    auto install = machine.run({"install"});
-    EXPECT_EQ(install.status, 1);
-    EXPECT_EQ(install.output, "OpenCode: could not read " + path + ", skill installed.\n"
-                              "    Check by hand that its \"vantoric-studio\" MCP server runs " + bridgeArray() + ".\n");
+    machine.expect({{{"status"}, 1, "OpenCode: MCP server unknown, skill not installed.\n    " + path + " could not be read as JSON.\n"},
+                    {{"install"}, 1, "OpenCode: could not read " + path + ", skill installed.\n    Check by hand that its "
+                                     "\"vantoric-studio\" MCP server runs " + bridgeArray() + ".\n"}});
     EXPECT_EQ(read("opencode.jsonc"), entryFile("[\"/old\"]"));  // nothing is changed anywhere
-    EXPECT_TRUE(machine.calls("opencode").empty());
-
-    auto uninstall = machine.run({"uninstall"});
-    EXPECT_EQ(uninstall.status, 1);
-    EXPECT_EQ(uninstall.output, "OpenCode: could not read " + path + ", MCP server removed, skill removed.\n" +
-                                    removeByHand + "\n");
+    EXPECT_TRUE(calls().empty());
+    machine.expect({{{"uninstall"}, 1, "OpenCode: could not read " + path + ", MCP server removed, skill removed.\n" + removeByHand}});
     EXPECT_EQ(read("opencode.jsonc"), "{\n  \"mcp\": {\n  }\n}\n");  // the readable file is still cleaned
-}
-
-TEST_F(OpenCodeConfig, FolderOrLinkLoopInTheFilesPlaceCannotBeRead) {
-    fs::create_directories(config("opencode.json"));
-    fs::create_directories(machine.openCodeFolder());
-    fs::create_symlink("opencode.jsonc", config("opencode.jsonc"));
-    auto uninstall = machine.run({"uninstall"});
-    EXPECT_EQ(uninstall.status, 1);
-    EXPECT_EQ(uninstall.output, "OpenCode: could not read " + config("opencode.json").string() + ", could not read " +
-                                    config("opencode.jsonc").string() + ".\n" + removeByHand + "\n" + removeByHand + "\n");
-    auto json = machine.run({"status", "--json"});
-    EXPECT_NE(json.output.find("could not be read as JSON."), std::string::npos);
-}
-
-TEST_F(OpenCodeConfig, DanglingLinkIsAFileThatDoesNotExistYet) {
-    fs::create_directories(machine.openCodeFolder());
-    fs::create_directories(machine.root() / "dotfiles");
-    fs::create_symlink("../../../dotfiles/opencode.jsonc", config("opencode.jsonc"));
-    EXPECT_EQ(machine.run({"status"}).output, "OpenCode: MCP server not added, skill not installed.\n");
-    EXPECT_EQ(machine.run({"uninstall"}).output, "OpenCode: no MCP server to remove.\n");
-    auto install = machine.run({"install"});
-    EXPECT_EQ(install.status, 0);
-    EXPECT_EQ(firstLine(install.output), "OpenCode: Studio's MCP server added, skill installed.");
-    // OpenCode wrote through the link, which stays one.
-    EXPECT_TRUE(fs::is_symlink(config("opencode.jsonc")));
-    EXPECT_TRUE(fs::exists(machine.root() / "dotfiles/opencode.jsonc"));
-}
-
-TEST_F(OpenCodeConfig, ScanReadsOnlyArraysOfStringsAsCommands) {
-    auto entries = BridgeInstaller::openCodeEntries(
-        "{\"mcp\": {\"vantoric-studio\": {\"command\": [\"a\", 1]}, \"servers\": {\"vantoric-studio\": {\"command\": []}}}}",
-        "/f", "vantoric-studio");
-    ASSERT_TRUE(entries);
-    ASSERT_EQ(entries->size(), 2u);
-    EXPECT_EQ((*entries)[0].command, std::vector<std::string>{});
-    EXPECT_EQ((*entries)[1].command, std::nullopt);
-    EXPECT_FALSE(BridgeInstaller::openCodeEntries("{", "/f", "vantoric-studio"));
-    EXPECT_EQ(BridgeInstaller::openCodeEntries("[]", "/f", "vantoric-studio")->size(), 0u);
+    // A folder or a loop of links in a file's place cannot be read.
+    machine.files.remove(config("opencode.json"));
+    machine.files.createFolders(config("opencode.json"));
+    machine.files.put(config("opencode.jsonc"), FileKind::link, "opencode.jsonc");
+    machine.expect({{{"uninstall"}, 1, "OpenCode: could not read " + path + ", could not read " + config("opencode.jsonc").string() +
+                                           ".\n" + removeByHand + removeByHand}});
 }

@@ -12,37 +12,12 @@
 #include <vector>
 
 #include "jsonc/JSONCDocument.h"
+#include "jsonc/UTF8.h"
 
 namespace jsonccheck {
 
 using Kind = JSONCDocument::Node::Kind;
 using Range = JSONCDocument::Range;
-
-inline bool wellFormedUTF8(std::string_view text) {
-    std::size_t i = 0;
-    auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-    while (i < text.size()) {
-        unsigned char c = byte(i);
-        std::size_t length;
-        unsigned char low = 0x80, high = 0xBF;
-        if (c < 0x80) length = 1;
-        else if (c >= 0xC2 && c <= 0xDF) length = 2;
-        else if (c == 0xE0) length = 3, low = 0xA0;
-        else if (c == 0xED) length = 3, high = 0x9F;
-        else if (c >= 0xE1 && c <= 0xEF) length = 3;
-        else if (c == 0xF0) length = 4, low = 0x90;
-        else if (c == 0xF4) length = 4, high = 0x8F;
-        else if (c >= 0xF1 && c <= 0xF3) length = 4;
-        else return false;
-        if (i + length > text.size()) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            if (byte(i + k) < low || byte(i + k) > high) return false;
-            low = 0x80, high = 0xBF;
-        }
-        i += length;
-    }
-    return true;
-}
 
 // Empty when the node and everything below it keep the invariants.
 inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::Node& node) {
@@ -58,7 +33,7 @@ inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::
             if (member.keyStart() < after || bytes[member.keyStart()] != '"')
                 return "a key does not start at a quote after the previous member";
             if (member.keyStart() >= member.value().range().lowerBound) return "a key starts after its value";
-            if (!wellFormedUTF8(member.key())) return "a decoded key is not well-formed UTF-8";
+            if (!utf8::isWellFormed(member.key())) return "a decoded key is not well-formed UTF-8";
             if (std::string error = brokenInvariant(bytes, member.value()); !error.empty()) return error;
             after = member.value().range().upperBound;
             if (member.comma()) {
@@ -85,7 +60,7 @@ inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::
     }
     case Kind::string:
         if (first != '"' || last != '"' || range.size() < 2) return "a string's range is not its quotes";
-        if (!wellFormedUTF8(node.string())) return "a decoded string is not well-formed UTF-8";
+        if (!utf8::isWellFormed(node.string())) return "a decoded string is not well-formed UTF-8";
         break;
     case Kind::scalar:
         for (std::size_t i = range.lowerBound; i < range.upperBound; ++i) {

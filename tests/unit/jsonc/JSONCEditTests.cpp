@@ -32,21 +32,16 @@ TEST(JSONCRemovingMember, TakesWholeLinesAndTheRightComma) {
     std::string shared = "{\n  \"a\": 1, \"b\": 2,\n  \"c\": 3\n}";
     std::vector<Edit> cases = {
         {{"b"}, lines, "{\n  \"a\": 1,\n  \"c\": 3\n}\n"},
-        {{"a"}, lines, "{\n  \"b\": 2,\n  \"c\": 3\n}\n"},
         {{"c"}, lines, "{\n  \"a\": 1,\n  \"b\": 2\n}\n"},  // the last member takes the previous comma
         {{"b"}, "{\n  \"a\": 1,\n  \"b\": 2,\n}\n", "{\n  \"a\": 1,\n}\n"},
-        {{"b"}, crlf, "{\r\n  \"a\": 1,\r\n  \"c\": 3\r\n}\r\n"},
         {{"c"}, crlf, "{\r\n  \"a\": 1,\r\n  \"b\": 2\r\n}\r\n"},
         {{"a"}, "{ \"a\": 1 }", "{  }"},
         {{"a"}, "{\n  \"a\": 1, // the first\n  \"b\": 2\n}", "{\n   // the first\n  \"b\": 2\n}"},
         {{"a"}, shared, "{\n   \"b\": 2,\n  \"c\": 3\n}"},
         {{"b"}, shared, "{\n  \"a\": 1, \n  \"c\": 3\n}"},
-        {{"b"}, R"({"a":1,"b":2,"c":3})", R"({"a":1,"c":3})"},
         {{"c"}, R"({"a":1,"b":2,"c":3})", R"({"a":1,"b":2})"},
-        {{"a"}, R"({"a":1})", R"({})"},
         {{"a"}, "{\n  \"a\": 1 /* one */ ,\n  \"b\": 2\n}", "{\n  \"b\": 2\n}"},
         {{"a"}, "{\n  \"a\": 1,\n  \"x\": 0,\n  \"a\": 2,\n  \"a\": 3\n}", "{\n  \"x\": 0\n}"},  // every duplicate
-        {{"a"}, R"({"m": {"a": 1}, "a": 2, "n": {"a": 3}})", R"({"m": {"a": 1},  "n": {"a": 3}})"},
         {{"n", "a"}, R"({"m": {"a": 1}, "a": 2, "n": {"a": 3}})", R"({"m": {"a": 1}, "a": 2, "n": {}})"},
         {{"a"}, "\xEF\xBB\xBF{\n  \"a\": 1,\n  \"b\": 2\n}", "\xEF\xBB\xBF{\n  \"b\": 2\n}"},
         {{"mcp", "vantoric-studio"}, config,

@@ -9,6 +9,7 @@
 #include <random>
 
 #include "jsonc/JSONCDocument.h"
+#include "jsonc/UTF8.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -17,73 +18,38 @@ using Kind = JSONCDocument::Node::Kind;
 
 bool accepts(std::string_view text) { return JSONCDocument::parse(text).has_value(); }
 
-void expectVerdicts(std::initializer_list<std::pair<std::string_view, bool>> cases) {
-    for (auto [text, accepted] : cases) EXPECT_EQ(accepts(text), accepted) << text;
-}
-
 std::string_view sourceOf(const JSONCDocument& document, const JSONCDocument::Node& node) {
     return document.bytes().substr(node.range().lowerBound, node.range().size());
-}
-
-// The decoded text of the one string in ["..."].
-std::optional<std::string> decodedString(const std::string& literal) {
-    auto document = JSONCDocument::parse("[" + literal + "]");
-    if (!document || document->root().elements().size() != 1) return std::nullopt;
-    return std::string(document->root().elements()[0].string());
-}
-
-void expectDecoded(std::initializer_list<std::pair<std::string, std::optional<std::string>>> cases) {
-    for (auto& [literal, decoded] : cases) EXPECT_EQ(decodedString(literal), decoded) << literal;
 }
 
 std::string nested(int depth) { return std::string(depth, '[') + std::string(depth, ']'); }
 
 const std::string fffd = "\xEF\xBF\xBD";
 
-TEST(JSONCTrivia, CommentsEndWhereTheyShould) {
-    expectVerdicts({
-        {"// settings\n{}", true},
-        {"{} // no final line feed", true},
-        {"{}//", true},
-        {"// only a comment", false},
-        {"{ // c\r\"a\": 1}", false},  // a carriage return does not end it
-        {"{ // c\r\n\"a\": 1}", true},
-        {"/**/{}", true},
-        {"/* a\n * b **/{}/***/", true},
-        {"{} /* unclosed", false},
-        {"{\"a\": /* unclosed 1}", false},
-        {"{} /*/", false},  // "*/" may not reuse the opening star
-        {"{} /*/ */", true},
-        {"/* a /* b */ c */ {}", false},  // no nesting
-    });
-}
-
-TEST(JSONCTrivia, LoneSlashAndOtherBytesAreNotTrivia) {
-    expectVerdicts({{"{} /", false}, {"{\"a\": / 1}", false}, {" \t\r\n{ \t\r\n} \t\r\n", true},
-                    {"\f{}", false}, {"{}\v", false}, {"{\xC2\xA0}", false}});
-    EXPECT_FALSE(accepts(std::string_view("{}\0", 3)));
-}
-
-TEST(JSONCContainers, OneTrailingCommaAndNothingElseOutOfPlace) {
+TEST(JSONCGrammar, CommentsOneTrailingCommaAndOneValueAndNothingElse) {
+    for (auto [text, accepted] : std::vector<std::pair<std::string, bool>>{
+             {"// settings\n{}", true}, {"{} // no final line feed", true}, {"{}//", true}, {"// only a comment", false},
+             {"{ // c\r\"a\": 1}", false},  // a carriage return does not end it
+             {"{ // c\r\n\"a\": 1}", true}, {"/**/{}", true}, {"/* a\n * b **/{}/***/", true}, {"{} /* unclosed", false},
+             {"{\"a\": /* unclosed 1}", false}, {"{} /*/", false},  // "*/" may not reuse the opening star
+             {"{} /*/ */", true}, {"/* a /* b */ c */ {}", false},  // no nesting
+             {"{} /", false}, {"{\"a\": / 1}", false}, {" \t\r\n{ \t\r\n} \t\r\n", true}, {"\f{}", false}, {"{}\v", false},
+             {"{\xC2\xA0}", false}, {std::string("{}\0", 3), false},
+             {"{\"a\": 1,}", true}, {"[1, 2,,]", false}, {"{\"a\": 1,,}", false}, {"[1,,2]", false}, {"[,]", false},
+             {"{,}", false}, {"[,1]", false}, {"[1 2]", false}, {"{\"a\": 1 \"b\": 2}", false}, {"{\"a\" 1}", false},
+             {"{\"a\":}", false}, {"{\"a\"}", false}, {"{a: 1}", false}, {"{'a': 1}", false}, {"{1: 1}", false},
+             {"{", false}, {"[1,", false}, {"{\"a\": 1", false}, {"[}", false}, {"{]", false},
+             {"\xEF\xBB\xBF{}", true}, {" \xEF\xBB\xBF{}", false}, {"\xEF\xBB{}", false}, {"\xEF\xBB\xBF", false},
+             {"{ \"a\": 1 } x", false}, {"{}{}", false}, {"{},", false}, {"1 2", false}, {"", false}, {"   ", false},
+             {"/* */", false}, {"[\"a\nb\"]", false}, {"[\"a\rb\"]", false}, {"[\"abc", false}, {"\"\\", false},
+             {"\"\\u00", false}})
+        EXPECT_EQ(accepts(text), accepted) << text;
     EXPECT_EQ(JSONCDocument::parse("[1, 2,]")->root().elements().size(), 2u);
-    expectVerdicts({
-        {"{\"a\": 1,}", true}, {"[1, 2,,]", false}, {"{\"a\": 1,,}", false}, {"[1,,2]", false},
-        {"[,]", false}, {"{,}", false}, {"[,1]", false}, {"[1 2]", false},
-        {"{\"a\": 1 \"b\": 2}", false}, {"{\"a\" 1}", false}, {"{\"a\":}", false}, {"{\"a\"}", false},
-        {"{a: 1}", false}, {"{'a': 1}", false}, {"{1: 1}", false}, {"{", false},
-        {"[1,", false}, {"{\"a\": 1", false}, {"[}", false}, {"{]", false},
-    });
-}
-
-TEST(JSONCDocumentEnd, AnyOneValueAndNothingButTriviaAfterIt) {
     EXPECT_EQ(JSONCDocument::parse(" \"s\" ")->root().kind(), Kind::string);
     EXPECT_EQ(JSONCDocument::parse("42")->root().kind(), Kind::scalar);
-    expectVerdicts({{"\xEF\xBB\xBF{}", true}, {" \xEF\xBB\xBF{}", false}, {"\xEF\xBB{}", false}, {"\xEF\xBB\xBF", false},
-                    {"{ \"a\": 1 } x", false}, {"{}{}", false}, {"{},", false}, {"1 2", false},
-                    {"", false}, {"   ", false}, {"/* */", false}});
 }
 
-TEST(JSONCNestingLimit, AtMostTwoHundredFiftyFiveOpenContainers) {
+TEST(JSONCGrammar, AtMostTwoHundredFiftyFiveOpenContainers) {
     EXPECT_TRUE(accepts(nested(255)));
     EXPECT_FALSE(accepts(nested(256)));
     EXPECT_TRUE(accepts(nested(254).insert(254, "{}")));
@@ -93,12 +59,11 @@ TEST(JSONCNestingLimit, AtMostTwoHundredFiftyFiveOpenContainers) {
     objects += "0" + std::string(255, '}');
     EXPECT_TRUE(accepts(objects));
     EXPECT_FALSE(accepts("[" + objects + "]"));
-    // Only containers still open count.
-    std::string inner = nested(254);
+    std::string inner = nested(254);  // only containers still open count
     EXPECT_TRUE(accepts("[" + inner + "," + inner + "," + inner + "]"));
 }
 
-TEST(JSONCScalars, RunsTheConversionTakesAndLowerCaseLiterals) {
+TEST(JSONCScalars, RunsTheConversionTakesAndLowerCaseLiteralsUpToTheFirstByteOutsideThem) {
     for (const char* text : {"+1", ".5", "5.", "007", "-0", "1E+5", "2.5e-3", "+.5e1", "Infinity", "-inf", "INF",
                              "NaN", "-NAN", "0x10p0", "0X1.8P1", "0xAbC", "0x.8", "1.e3", "1e400", "true", "null"}) {
         auto document = JSONCDocument::parse(std::string("{\"v\": ") + text + "}");
@@ -107,19 +72,13 @@ TEST(JSONCScalars, RunsTheConversionTakesAndLowerCaseLiterals) {
         EXPECT_EQ(sourceOf(*document, *document->value({"v"})), text);
     }
     for (const char* text : {"1..2", "abc", "1e", "1e+", "-", ".", "0x", "0xp1", "infinit", "1e5x", "--1", "nan1",
-                             "0x1p", ".e5", "True", "NULL", "truex", "nan(1)", "1_000"}) {
+                             "0x1p", ".e5", "True", "NULL", "truex", "nan(1)", "1_000"})
         EXPECT_FALSE(accepts(std::string("[") + text + "]")) << text;
-    }
-}
-
-TEST(JSONCScalars, RunStopsAtTheFirstByteOutsideIt) {
     auto document = JSONCDocument::parse("[nan/**/,1//c\n,-2]");
     ASSERT_TRUE(document);
-    auto elements = document->root().elements();
-    ASSERT_EQ(elements.size(), 3u);
-    EXPECT_EQ(sourceOf(*document, elements[0]), "nan");
-    EXPECT_EQ(sourceOf(*document, elements[1]), "1");
-    EXPECT_EQ(sourceOf(*document, elements[2]), "-2");
+    std::vector<std::string_view> runs;
+    for (const auto& element : document->root().elements()) runs.push_back(sourceOf(*document, element));
+    EXPECT_EQ(runs, (std::vector<std::string_view>{"nan", "1", "-2"}));
 }
 
 // The C library's conversion, in the "C" locale, consuming the whole run.
@@ -170,63 +129,35 @@ TEST(JSONCScalars, ProcessLocaleDoesNotMatter) {
     EXPECT_FALSE(commaNumber);
 }
 
-TEST(JSONCStrings, EscapesDecode) {
-    expectDecoded({
-        {R"("a\"b\\c\/d\be\ff\ng\rh\ti")", "a\"b\\c/d\be\ff\ng\rh\ti"},
-        {R"("\x")", std::nullopt},
-        {R"("\')", std::nullopt},
-        {R"("\u0041\u00e9\u20AC")", "A\xC3\xA9\xE2\x82\xAC"},
-        {R"("\u0000")", std::string(1, '\0')},
-        {R"("\uFFFF")", "\xEF\xBF\xBF"},
-        // The four digits are read as the integer parser reads them.
-        {R"("\u+04A")", "J"},
-        {R"("\u-000")", std::string(1, '\0')},
-        {R"("\u-001")", std::nullopt},
-        {R"("\u00g0")", std::nullopt},
-        {R"("\u 041")", std::nullopt},
-        {R"("\u004")", std::nullopt},
-    });
-    EXPECT_FALSE(accepts("\"\\"));
-    EXPECT_FALSE(accepts("\"\\u00"));
-}
-
-TEST(JSONCStrings, SurrogatesPairOrBecomeReplacementCharacters) {
-    expectDecoded({
-        {R"("\ud83d\ude00")", "\xF0\x9F\x98\x80"},
-        {R"("\uDBFF\uDFFF")", "\xF4\x8F\xBF\xBF"},
-        {R"("\ud83d")", fffd},
-        {R"("\ude00")", fffd},
-        {R"("\ud83d\ud83d\ude00")", fffd + "\xF0\x9F\x98\x80"},
-        {R"("\ud83dx\ude00")", fffd + "x" + fffd},
-        {R"("\ud83d\n")", fffd + "\n"},
-        {R"("\ude00\ud83d")", fffd + fffd},
-    });
-}
-
-TEST(JSONCStrings, RawBytesAreCopiedExceptLineBreaksAndIllFormedUTF8) {
-    expectDecoded({
-        {"\"a\tb\x01\x7F\"", "a\tb\x01\x7F"},
-        {"\"caf\xC3\xA9 \xF0\x9F\x98\x80\"", "caf\xC3\xA9 \xF0\x9F\x98\x80"},
-        // One replacement per maximal subpart.
-        {"\"\xC3(\"", fffd + "("},
-        {"\"\xE2\x82\"", fffd},
-        {"\"\x80\xBF\"", fffd + fffd},
-        {"\"\xED\xA0\x80\"", fffd + fffd + fffd},
-        {"\"\xC0\xAF\"", fffd + fffd},
-        {"\"\xF4\x90\x80\x80\"", fffd + fffd + fffd + fffd},
-        {"\"\xFF\"", fffd},
-        {"\"\xE0\xA0\x80\xF0\x90\x80\x80\"", "\xE0\xA0\x80\xF0\x90\x80\x80"},
-        {"\"\xE2\x82\\u00AC\"", fffd + "\xC2\xAC"},
-    });
-    expectVerdicts({{"[\"a\nb\"]", false}, {"[\"a\rb\"]", false}, {"[\"abc", false}});
-}
-
-TEST(JSONCStrings, DecodedTextSurvivesTheOriginalDocument) {
+TEST(JSONCStrings, EscapesSurrogatesAndRawBytesDecodeToWellFormedText) {
+    // Each string literal and its decoded text; nothing when it is refused.
+    for (auto& [literal, decoded] : std::vector<std::pair<std::string, std::optional<std::string>>>{
+             {R"("a\"b\\c\/d\be\ff\ng\rh\ti")", "a\"b\\c/d\be\ff\ng\rh\ti"}, {R"("\x")", std::nullopt}, {R"("\')", std::nullopt},
+             {R"("\u0041\u00e9\u20AC")", "A\xC3\xA9\xE2\x82\xAC"}, {R"("\u0000")", std::string(1, '\0')}, {R"("\uFFFF")", "\xEF\xBF\xBF"},
+             // The four digits are read as the integer parser reads them.
+             {R"("\u+04A")", "J"}, {R"("\u-000")", std::string(1, '\0')}, {R"("\u-001")", std::nullopt},
+             {R"("\u00g0")", std::nullopt}, {R"("\u 041")", std::nullopt}, {R"("\u004")", std::nullopt},
+             // Surrogates pair up or become replacement characters.
+             {R"("\ud83d\ude00")", "\xF0\x9F\x98\x80"}, {R"("\uDBFF\uDFFF")", "\xF4\x8F\xBF\xBF"}, {R"("\ud83d")", fffd},
+             {R"("\ude00")", fffd}, {R"("\ud83d\ud83d\ude00")", fffd + "\xF0\x9F\x98\x80"}, {R"("\ud83dx\ude00")", fffd + "x" + fffd},
+             {R"("\ud83d\n")", fffd + "\n"}, {R"("\ude00\ud83d")", fffd + fffd},
+             // Raw bytes are copied; one replacement per maximal ill-formed subpart.
+             {"\"a\tb\x01\x7F\"", "a\tb\x01\x7F"}, {"\"caf\xC3\xA9 \xF0\x9F\x98\x80\"", "caf\xC3\xA9 \xF0\x9F\x98\x80"},
+             {"\"\xC3(\"", fffd + "("}, {"\"\xE2\x82\"", fffd}, {"\"\xF0\x9F\x98\"", fffd}, {"\"\x80\xBF\"", fffd + fffd},
+             {"\"\xED\xA0\x80\"", fffd + fffd + fffd}, {"\"\xC0\xAF\"", fffd + fffd}, {"\"\xF4\x90\x80\x80\"", fffd + fffd + fffd + fffd},
+             {"\"\xFF\"", fffd}, {"\"\xE0\xA0\x80\xF0\x90\x80\x80\"", "\xE0\xA0\x80\xF0\x90\x80\x80"}, {"\"\xE2\x82\\u00AC\"", fffd + "\xC2\xAC"}}) {
+        auto document = JSONCDocument::parse("[" + literal + "]");
+        std::optional<std::string> got;
+        if (document && document->root().elements().size() == 1) got = std::string(document->root().elements()[0].string());
+        EXPECT_EQ(got, decoded) << literal;
+    }
+    for (const char* illFormed : {"\xC3(", "\xE2\x82", "\xF0\x9F\x98", "\x80", "\xED\xA0\x80", "\xC0\xAF", "\xF4\x90\x80\x80", "\xFF"})
+        EXPECT_FALSE(utf8::isWellFormed(illFormed)) << illFormed;
+    // The decoded text outlives the document it came from.
     std::optional<JSONCDocument> copy;
     JSONCDocument::Node node;
     {
         auto document = JSONCDocument::parse(R"({"a": "x\ty", "b": "plain"})");
-        ASSERT_TRUE(document);
         copy = *document;
         node = *document->value({"a"});
     }
@@ -234,38 +165,27 @@ TEST(JSONCStrings, DecodedTextSurvivesTheOriginalDocument) {
     EXPECT_EQ(copy->value({"b"})->string(), "plain");
 }
 
-TEST(JSONCMemberLookup, LastDuplicateWinsAndPathsDescendThroughObjectsOnly) {
+TEST(JSONCMemberLookup, LastDuplicateWinsKeysDecodeAndPathsDescendThroughObjectsOnly) {
     auto document = JSONCDocument::parse(
-        R"({"a": 0, "l": [{"b": 1}], "m": {"s": {"n": "x"}}, "t": "s", "d": {"x": 1}, "d": {"y": 2}, "a": 3})");
+        R"({"a": 0, "l": [{"b": 1}], "m": {"s": {"n": "x"}}, "t": "s", "d": {"x": 1}, "d": {"y": 2}, "a": 3,)"
+        R"( "\u006Dcp": {"caf\u00e9": 1, "\ud83d": 2}, "Mcp": 3, "c": ["/usr/bin/x", "a\u0020b", ], "e": [], "z": ["a", 1]})");
     ASSERT_TRUE(document);
     auto found = document->member({"a"});
     ASSERT_TRUE(found);
     EXPECT_EQ(found->index, 6u);
-    EXPECT_EQ(found->siblings.size(), 7u);
+    EXPECT_EQ(found->siblings.size(), 12u);
     EXPECT_EQ(sourceOf(*document, *document->value({"a"})), "3");
     EXPECT_EQ(document->member({"m", "s", "n"})->member().key(), "n");
-    EXPECT_TRUE(document->member({"d", "y"}));
-    for (JSONCDocument::Path path : std::vector<JSONCDocument::Path>{{}, {"l", "b"}, {"t", "x"}, {"m", "x"}, {"d", "x"}})
+    for (JSONCDocument::Path path : std::vector<JSONCDocument::Path>{{"d", "y"}, {"mcp", "caf\xC3\xA9"}, {"mcp", fffd}})
+        EXPECT_TRUE(document->member(path)) << testing::PrintToString(path);
+    for (JSONCDocument::Path path : std::vector<JSONCDocument::Path>{
+             {}, {"l", "b"}, {"t", "x"}, {"m", "x"}, {"d", "x"}, {"mcp", "cafe\xCC\x81"} /* decomposed */, {"MCP"}})
         EXPECT_FALSE(document->member(path)) << testing::PrintToString(path);
     EXPECT_FALSE(document->value({}));
     EXPECT_FALSE(JSONCDocument::parse("[1]")->member({"0"}));
-}
-
-TEST(JSONCMemberLookup, KeysDecodeLikeValuesAndCompareExactly) {
-    auto document = JSONCDocument::parse(R"({"\u006Dcp": {"caf\u00e9": 1, "\ud83d": 2}, "Mcp": 3})");
-    ASSERT_TRUE(document);
-    EXPECT_TRUE(document->member({"mcp", "caf\xC3\xA9"}));
-    EXPECT_TRUE(document->member({"mcp", fffd}));
-    EXPECT_FALSE(document->member({"mcp", "cafe\xCC\x81"}));  // the same word, decomposed
-    EXPECT_FALSE(document->member({"MCP"}));
-}
-
-TEST(JSONCStringList, ArrayOfStringsDecodes) {
-    auto document = JSONCDocument::parse(R"({"c": ["/usr/bin/x", "a\u0020b", ], "e": [], "m": ["a", 1], "s": "a"})");
-    ASSERT_TRUE(document);
     EXPECT_EQ(document->strings({"c"}), (std::vector<std::string>{"/usr/bin/x", "a b"}));
     EXPECT_EQ(document->strings({"e"}), std::vector<std::string>{});
-    for (const char* path : {"m", "s", "absent"}) EXPECT_FALSE(document->strings({path})) << path;
+    for (const char* path : {"z", "t", "absent"}) EXPECT_FALSE(document->strings({path})) << path;
     EXPECT_FALSE(document->strings({}));
 }
 

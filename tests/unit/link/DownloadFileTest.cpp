@@ -9,7 +9,7 @@
 
 #include <algorithm>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "link/DownloadFile.h"
 #include "support/TempDir.h"
 

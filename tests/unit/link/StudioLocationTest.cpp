@@ -1,7 +1,7 @@
 // Where the served Studio is and which build it is.
 #include <gtest/gtest.h>
 
-#include "link/StudioLocation.h"
+#include "base/StudioLocation.h"
 #include "support/FakeBundles.h"
 #include "support/TempDir.h"
 

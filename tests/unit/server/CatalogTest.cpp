@@ -1,10 +1,16 @@
+// The catalog's pure rules: where it is read from, the lists and prompts it
+// yields, template filling, the check of a call's parameter names with its
+// suggestion, and the tool results built from and read out of Studio's.
 #include <gtest/gtest.h>
 
-#include "link/BridgeError.h"
+#include "base/BridgeError.h"
 #include "server/Catalog.h"
+#include "server/ToolResults.h"
 #include "support/TempDir.h"
 
 using testsupport::TempDir;
+namespace Catalog = server::Catalog;
+namespace ToolResults = server::ToolResults;
 
 namespace {
 
@@ -23,6 +29,23 @@ const std::string prompts = R"({"prompts":[
   {"name":"broken","description":"no template"},
   {"name":"cut","template":"second of the same name"},
   {"name":"nulldesc","description":null,"template":"x"}]})";
+
+Json toolWith(const std::string& name, std::vector<std::string> properties) {
+    Json props = Json::object();
+    for (auto& p : properties) props[p] = {{"type", "string"}};
+    return {{"name", name}, {"inputSchema", {{"type", "object"}, {"properties", props}}}};
+}
+
+const Json exportTools = Json::array({toolWith("export_video", {"path", "overwrite", "action"})});
+
+std::optional<std::string> check(const std::string& tool, std::vector<std::string> names, const Json& tools = exportTools) {
+    Json arguments = Json::object();
+    for (auto& n : names) arguments[n] = 1;
+    return Catalog::unknownParameters(tool, arguments, tools);
+}
+
+Json textItem(const std::string& text) { return {{"type", "text"}, {"text", text}}; }
+Json withContent(Json content, bool isError = false) { return {{"content", std::move(content)}, {"isError", isError}}; }
 
 }  // namespace
 
@@ -106,30 +129,125 @@ TEST(GettingPrompts, UnknownNamesAndMissingTemplatesAreRefused) {
     EXPECT_EQ(Catalog::promptIn(prompts, {{"name", "cut"}})["messages"][0]["content"]["text"], "About rain.");
 }
 
-TEST(FillingTemplates, ArgumentsOrDefaults) {
+TEST(FillingTemplates, ArgumentsOrDefaultsPipesOnceAndNothingRescanned) {
     const std::string text = "Write {{tone|a calm}} copy about {{topic}}.";
-    EXPECT_EQ(Catalog::fill(text, {{"topic", "rain"}}), "Write a calm copy about rain.");
-    EXPECT_EQ(Catalog::fill(text, {{"topic", "rain"}, {"tone", "   "}}), "Write a calm copy about rain.");
-    EXPECT_EQ(Catalog::fill(text, {{"topic", "rain"}, {"tone", 5}}), "Write a calm copy about rain.");
-    EXPECT_EQ(Catalog::fill(text, Json::object()), "Write a calm copy about .");
-    EXPECT_EQ(Catalog::fill(text, {{"topic", " rain\t"}, {"tone", "a wild"}}), "Write a wild copy about  rain\t.");
+    const std::vector<std::tuple<std::string, Json, std::string>> cases = {
+        {text, {{"topic", "rain"}}, "Write a calm copy about rain."},
+        {text, {{"topic", "rain"}, {"tone", "   "}}, "Write a calm copy about rain."},
+        {text, {{"topic", "rain"}, {"tone", 5}}, "Write a calm copy about rain."},
+        {text, Json::object(), "Write a calm copy about ."},
+        {text, {{"topic", " rain\t"}, {"tone", "a wild"}}, "Write a wild copy about  rain\t."},
+        {"[{{a||b}}]", Json::object(), "[|b]"},
+        {"[{{a||b}}]", {{"a", "A"}}, "[A]"},
+        {"[{{|x}}]", {{"x", "X"}}, "[X]"},
+        {"[{{|x}}]", Json::object(), "[]"},
+        {"[{{a|b|c}}]", Json::object(), "[b|c]"},
+        {"[{{a|}}]", Json::object(), "[]"},
+        {"[{{}}]", {{"", "empty name"}}, "[empty name]"},
+        {"[{{ spaced name |d}}]", {{" spaced name ", "S"}}, "[S]"},
+        // Unclosed placeholders stay; inserted values are never scanned.
+        {"Use {{x", {{"x", "1"}}, "Use {{x"},
+        {"{{a}} and {{b", {{"a", "A"}}, "A and {{b"},
+        {"{{a}}", {{"a", "{{b}}"}, {"b", "no"}}, "{{b}}"},
+        {"}} {{ }}", Json::object(), "}} "},
+        {"{{{a}}}", {{"{a", "1"}}, "1}"},
+    };
+    for (const auto& [templ, arguments, filled] : cases) EXPECT_EQ(Catalog::fill(templ, arguments), filled) << templ;
 }
 
-TEST(FillingTemplates, PipesSplitNameFromDefaultOnce) {
-    EXPECT_EQ(Catalog::fill("[{{a||b}}]", Json::object()), "[|b]");
-    EXPECT_EQ(Catalog::fill("[{{a||b}}]", {{"a", "A"}}), "[A]");
-    EXPECT_EQ(Catalog::fill("[{{|x}}]", {{"x", "X"}}), "[X]");
-    EXPECT_EQ(Catalog::fill("[{{|x}}]", Json::object()), "[]");
-    EXPECT_EQ(Catalog::fill("[{{a|b|c}}]", Json::object()), "[b|c]");
-    EXPECT_EQ(Catalog::fill("[{{a|}}]", Json::object()), "[]");
-    EXPECT_EQ(Catalog::fill("[{{}}]", {{"", "empty name"}}), "[empty name]");
-    EXPECT_EQ(Catalog::fill("[{{ spaced name |d}}]", {{" spaced name ", "S"}}), "[S]");
+TEST(CheckingParameters, UnknownNamesAreRefusedWithASuggestionOrTheParameters) {
+    const Json bare = Json::array({toolWith("studio_status", {})});
+    const Json unclear = Json::parse(R"([
+        "not an object",
+        {"name":"no_schema"},
+        {"name":"no_properties","inputSchema":{"type":"object"}},
+        {"name":"properties_array","inputSchema":{"properties":["a"]}},
+        {"name":"export_video","inputSchema":{"properties":{"path":{}}}}])");
+    const Json twice = Json::array({toolWith("t", {"a"}), toolWith("t", {"b"})});
+    const std::vector<std::tuple<std::string, std::vector<std::string>, Json, std::optional<std::string>>> cases = {
+        {"export_video", {"action", "pathh"}, exportTools,
+         R"(export_video has no parameter "pathh" (did you mean "path"?). Nothing was done.)"},
+        {"export_video", {"pathh", "action", "force"}, exportTools,
+         R"(export_video has no parameter "force", "pathh" (did you mean "path"?). Nothing was done. Its parameters: action, overwrite, path.)"},
+        {"export_video", {"action", "pth"}, exportTools,
+         R"(export_video has no parameter "pth". Nothing was done. Its parameters: action, overwrite, path.)"},
+        {"studio_status", {"x"}, bare, R"(studio_status has no parameter "x". Nothing was done. It takes no parameters.)"},
+        {"studio_status", {}, bare, std::nullopt},
+        {"t", {"filePath"}, Json::array({toolWith("t", {"file_path", "name"})}),
+         R"(t has no parameter "filePath" (did you mean "file_path"?). Nothing was done.)"},
+        // Calls that cannot be checked go on: Studio judges.
+        {"no_schema", {"anything"}, unclear, std::nullopt},
+        {"no_properties", {"anything"}, unclear, std::nullopt},
+        {"properties_array", {"anything"}, unclear, std::nullopt},
+        {"not_in_catalog", {"anything"}, unclear, std::nullopt},
+        {"export_video", {"path"}, unclear, std::nullopt},
+        // The first tool of a name decides.
+        {"t", {"b"}, twice, R"(t has no parameter "b". Nothing was done. Its parameters: a.)"},
+    };
+    for (const auto& [tool, names, tools, refusal] : cases) EXPECT_EQ(check(tool, names, tools), refusal) << tool;
+    EXPECT_EQ(Catalog::unknownParameters("export_video", "not an object", unclear), std::nullopt);
 }
 
-TEST(FillingTemplates, UnclosedPlaceholdersStayAndValuesAreNotRescanned) {
-    EXPECT_EQ(Catalog::fill("Use {{x", {{"x", "1"}}), "Use {{x");
-    EXPECT_EQ(Catalog::fill("{{a}} and {{b", {{"a", "A"}}), "A and {{b");
-    EXPECT_EQ(Catalog::fill("{{a}}", {{"a", "{{b}}"}, {"b", "no"}}), "{{b}}");
-    EXPECT_EQ(Catalog::fill("}} {{ }}", Json::object()), "}} ");
-    EXPECT_EQ(Catalog::fill("{{{a}}}", {{"{a", "1"}}), "1}");
+TEST(Suggestions, LettersAndNumbersAsWholeCharactersWithAToleranceThatGrowsWithTheName) {
+    const std::vector<std::tuple<std::string, std::vector<std::string>, std::optional<std::string>>> cases = {
+        {"filePath", {"file_path", "overwrite"}, "file_path"},  // case and separators do not count
+        {"ID", {"id"}, "id"},
+        {"mode", {"model", "mods"}, "mods"},  // equal distance: the shorter name
+        {"mode", {"mods", "modx"}, "mods"},
+        {"pat", {"path"}, std::nullopt},  // 3 letters: exact only
+        {"paht", {"path"}, std::nullopt},  // 4 letters, 2 edits
+        {"pathh", {"path"}, "path"},  // 5 letters, 1 edit
+        {"overwrit", {"overwrite"}, "overwrite"},
+        {"ovrwrt", {"overwrite"}, std::nullopt},  // 6 letters, 3 edits
+        {"ovrwrte", {"overwrite"}, "overwrite"},  // 7 letters, 2 edits
+        {"__", {"a_b"}, std::nullopt},
+        {"", {""}, std::nullopt},
+        {"path", {}, std::nullopt},
+        // ß and ö are letters; composed and decomposed forms are one
+        // character; symbols are not letters.
+        {"Größe", {"farbe", "größe"}, "größe"},
+        {"grösse", {"größe"}, "größe"},
+        {"ÉCRAN", {"écran"}, "écran"},
+        {"caf\xc3\xa9", {"cafe\xcc\x81"}, "cafe\xcc\x81"},
+        {"名前", {"名前_", "名"}, "名前_"},
+        {"path🙂", {"path"}, "path"},
+        // Both one edit away: the later wins only by having fewer
+        // characters, though it has as many bytes or more.
+        {"abcd", {"abcx__", "abc\xc3\xa9_"}, "abc\xc3\xa9_"},
+        {"abcd", {"abcx__", "abce\xcc\x81_"}, "abce\xcc\x81_"},
+        {"abcd", {"abcx_", "abcy"}, "abcy"},
+    };
+    for (const auto& [name, among, suggested] : cases) EXPECT_EQ(Catalog::closest(name, among), suggested) << name;
+    EXPECT_EQ(check("t", {"Größe"}, Json::array({toolWith("t", {"größe", "farbe"})})),
+              R"(t has no parameter "Größe" (did you mean "größe"?). Nothing was done.)");
+}
+
+TEST(BuildingToolResults, ErrorAndResultShapes) {
+    EXPECT_EQ(ToolResults::toolError("No file at /x."),
+              Json::parse(R"({"content":[{"type":"text","text":"No file at /x."}],"isError":true})"));
+    EXPECT_EQ(ToolResults::result({{"savedTo", "/a/b.mp4"}, {"n", 12.5}}),
+              Json::parse(R"({"content":[{"type":"text","text":"{\"savedTo\":\"/a/b.mp4\",\"n\":12.5}"}],"isError":false})"));
+    EXPECT_EQ(ToolResults::result({{"x", Json(Json::value_t::discarded)}})["content"][0]["text"], "{}");
+}
+
+TEST(ReadingPayloads, TheLastTextItemCarriesTheObject) {
+    auto result = withContent({textItem(R"({"phase":"running"})"), {{"type", "image"}}, textItem(R"({"phase":"completed"})")});
+    EXPECT_EQ(ToolResults::payload(result), Json::parse(R"({"phase":"completed"})"));
+    // Round trip with what the bridge builds itself.
+    EXPECT_EQ(ToolResults::payload(ToolResults::result({{"a", 1}})), Json::parse(R"({"a":1})"));
+}
+
+TEST(ReadingPayloads, OnlyTheLastTextItemIsTried) {
+    EXPECT_FALSE(ToolResults::payload(withContent({textItem(R"({"phase":"completed"})"), textItem("not JSON")})));
+    EXPECT_FALSE(ToolResults::payload(withContent({textItem(R"({"a":1})"), {{"type", "text"}, {"text", 5}}})));
+    EXPECT_FALSE(ToolResults::payload(withContent({textItem("[1,2]")})));
+}
+
+TEST(ReadingPayloads, ErrorsAndMalformedContentHaveNone) {
+    EXPECT_FALSE(ToolResults::payload(withContent({textItem("{}")}, true)));
+    EXPECT_TRUE(ToolResults::payload({{"content", {textItem("{}")}}, {"isError", "true"}}));
+    EXPECT_FALSE(ToolResults::payload({{"content", textItem("{}")}}));
+    EXPECT_FALSE(ToolResults::payload(withContent({textItem("{}"), "loose string"})));
+    EXPECT_FALSE(ToolResults::payload(withContent(Json::array())));
+    EXPECT_FALSE(ToolResults::payload(Json::array()));
 }

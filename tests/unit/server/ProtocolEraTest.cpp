@@ -2,9 +2,10 @@
 // "_meta" names the protocol revision is answered by the stateless revision
 // (discover, resultType, cache fields, its errors); everything else by the
 // handshake revisions, exactly as before.
-#include "BridgeHarness.h"
+#include "ServerHarness.h"
 
 using namespace testsupport;
+namespace ProtocolEra = server::ProtocolEra;
 
 namespace {
 
@@ -160,38 +161,40 @@ TEST(BothEras, CancelledModernRequestsSayNothingAtAll) {
     auto replies = harness.replies();
     ASSERT_EQ(replies.size(), 1u);
     EXPECT_EQ(replies[0]["id"], 5);
-    EXPECT_TRUE(harness.bridge->calls.empty());
+    EXPECT_TRUE(harness.bridge->idle());
 }
 
 TEST(BothEras, EachRequestNamesItsOwnAgentForTheHandOver) {
     // Studio "launches" but never makes contact: the hand-over's first
     // announcement carries the agent's name, then the test shuts down.
     auto announced = [](const std::vector<std::string>& lines) {
-        StudioMCPBridge::Timing timing;
+        BridgeTiming timing;
         timing.link.notificationAttempts = 1;
-        BridgeHarness harness(studioCatalog(), fakeStudio, "/work/folder", timing);
+        BridgeHarness harness(studioCatalog(), fakeStudio, timing);
         harness.launcher.failure.reset();
         harness.notifications.onPost = [&](const FakeNotificationCenter::Posted&) {
-            boost::asio::co_spawn(harness.bridge->strand(), harness.bridge->drain(std::chrono::milliseconds(0)),
-                                  boost::asio::detached);
+            boost::asio::co_spawn(harness.bridge->strand(), harness.bridge->drain(), boost::asio::detached);
         };
         harness.receive(lines);
         auto posted = harness.notifications.posted();
         EXPECT_EQ(posted.size(), 1u);
-        std::string name = harness.bridge->clientName;
-        return std::pair{posted.empty() ? std::string() : posted[0].object, name};
+        std::string query = posted.empty() ? std::string() : posted[0].object;
+        return query.substr(query.find("client=") + 7);
     };
     const std::string codex = request(1, "initialize", {{"clientInfo", {{"name", "codex"}}}});
-
-    auto [query, kept] = announced({codex, modern(2, "tools/call", R"("name":"timeline")")});
-    EXPECT_NE(query.find("client=Claude"), std::string::npos) << query;
-    EXPECT_EQ(kept, "codex");  // nothing of a stateless request stays behind
-
-    std::tie(query, kept) = announced({codex, toolCall(2, "timeline", Json::object())});
-    EXPECT_NE(query.find("client=codex"), std::string::npos) << query;
-
-    std::tie(query, kept) = announced(
-        {R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"timeline","_meta":{)"
-         R"("io.modelcontextprotocol/protocolVersion":"2026-07-28","io.modelcontextprotocol/clientCapabilities":{}}}})"});
-    EXPECT_NE(query.find("client=A"), std::string::npos) << query;
+    const std::string timeline = toolCall(3, "timeline", Json::object());
+    const std::string bare =
+        R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"timeline","_meta":{)"
+        R"("io.modelcontextprotocol/protocolVersion":"2026-07-28","io.modelcontextprotocol/clientCapabilities":{}}}})";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{codex, modern(2, "tools/call", R"("name":"timeline")")}, "Claude"},  // its own name, not the handshake's
+        {{codex, timeline}, "codex"},
+        {{timeline}, "A"},
+        {{bare}, "A"},
+        // The last non-empty name counts; a stateless "initialize" is refused
+        // and names nobody.
+        {{codex, request(4, "initialize", {{"clientInfo", {{"name", "other"}, {"title", ""}}}}), timeline}, "codex"},
+        {{codex, modern(5, "initialize", R"("clientInfo":{"name":"x"})"), timeline}, "codex"},
+    };
+    for (const auto& [lines, name] : cases) EXPECT_EQ(announced(lines).rfind(name, 0), 0u) << lines.back();
 }

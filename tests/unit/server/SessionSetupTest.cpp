@@ -1,13 +1,13 @@
 #include <gtest/gtest.h>
 
-#include "BridgeHarness.h"
+#include "ServerHarness.h"
 #include "server/SessionSetup.h"
 
 using namespace testsupport;
+namespace SessionSetup = server::SessionSetup;
 
 namespace {
 
-const std::string release(StudioLocation::releaseIdentifier);
 const std::string subject(StudioLocation::subjectIdentifier);
 const std::string notFound =
     "Vantoric Studio could not be found on this Mac. Install it from vantoric.studio, then restart this MCP server.";
@@ -25,15 +25,14 @@ Json initialize(const Json& params, std::optional<std::string> catalog = studioC
 TEST(AgreeingAProtocol, KnownVersionsAreEchoedEverythingElseGetsTheNewest) {
     // The agents ask for 2025-11-25; the stateless revision is never agreed
     // by a handshake.
-    EXPECT_EQ(initialize({{"protocolVersion", "2025-11-25"}})["protocolVersion"], "2025-11-25");
-    EXPECT_EQ(initialize({{"protocolVersion", "2025-06-18"}})["protocolVersion"], "2025-06-18");
-    EXPECT_EQ(initialize({{"protocolVersion", "2026-07-28"}})["protocolVersion"], "2025-11-25");
-    EXPECT_EQ(initialize({{"protocolVersion", "2025-03-26"}})["protocolVersion"], "2025-03-26");
-    EXPECT_EQ(initialize({{"protocolVersion", "2024-11-05"}})["protocolVersion"], "2024-11-05");
-    EXPECT_EQ(initialize({{"protocolVersion", "2099-01-01"}})["protocolVersion"], "2025-11-25");
-    EXPECT_EQ(initialize({{"protocolVersion", "2025-03-26 "}})["protocolVersion"], "2025-11-25");
-    EXPECT_EQ(initialize({{"protocolVersion", 20250326}})["protocolVersion"], "2025-11-25");
-    EXPECT_EQ(initialize(Json::object())["protocolVersion"], "2025-11-25");
+    const std::vector<std::pair<Json, std::string>> cases = {
+        {"2025-11-25", "2025-11-25"}, {"2025-06-18", "2025-06-18"}, {"2025-03-26", "2025-03-26"},
+        {"2024-11-05", "2024-11-05"}, {"2026-07-28", "2025-11-25"}, {"2099-01-01", "2025-11-25"},
+        {"2025-03-26 ", "2025-11-25"}, {20250326, "2025-11-25"},      {nullptr, "2025-11-25"}};
+    for (const auto& [asked, agreed] : cases) {
+        Json params = asked.is_null() ? Json::object() : Json{{"protocolVersion", asked}};
+        EXPECT_EQ(initialize(params)["protocolVersion"], agreed) << asked.dump();
+    }
 }
 
 TEST(AgreeingAProtocol, ResultHasExactlyTheAnnouncedMembers) {
@@ -55,15 +54,6 @@ TEST(NamingTheAgent, TitleThenNameAndEmptyKeepsTheOld) {
     EXPECT_EQ(name({{"name", ""}}), std::nullopt);
     EXPECT_EQ(name("claude"), std::nullopt);
     EXPECT_EQ(SessionSetup::clientNameIn(Json::object()), std::nullopt);
-}
-
-TEST(NamingTheAgent, BridgeKeepsTheLastNonEmptyName) {
-    BridgeHarness harness;
-    EXPECT_EQ(harness.bridge->clientName, "A coding agent");
-    harness.receive(request(1, "initialize", {{"clientInfo", {{"name", "codex"}}}}));
-    EXPECT_EQ(harness.bridge->clientName, "codex");
-    harness.receive(request(2, "initialize", {{"clientInfo", {{"name", "other"}, {"title", ""}}}}));
-    EXPECT_EQ(harness.bridge->clientName, "codex");
 }
 
 TEST(WithoutStudio, CompleteAnswerWithTheNotFoundInstructions) {

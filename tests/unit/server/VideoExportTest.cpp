@@ -2,7 +2,8 @@
 // export, the copy of a completed one, and what the agent is told.
 #include <sys/stat.h>
 
-#include "StudioHarness.h"
+#include "ServerHarness.h"
+#include "server/VideoExport.h"
 
 using namespace testsupport;
 namespace fs = std::filesystem;
@@ -87,56 +88,65 @@ TEST(StartingExports, PollsNeverAskStudioToWaitPastTheDeadlineAndTheNoteSaysHowT
     expected["note"] = noteFor(studio.work() / "a.mp4");
     EXPECT_EQ(payloadOf(reply), expected);
     EXPECT_TRUE(studio.downloads().empty());
-    EXPECT_TRUE(studio.bridge->exportDestination);
 }
 
-TEST(StartingExports, StudiosRefusalIsReturnedAsItCame) {
+TEST(StartingExports, StudiosRefusalIsReturnedAsItCameAndTheDestinationIsKeptUntilStudioStarted) {
     StudioHarness studio;
-    studio.bridge->exportDestination = StudioMCPBridge::ExportDestination{"/earlier.mp4", true};
+    studio.offerDownload("dl-1", "video");
+    auto status = [&](int id, const Json& arguments) {
+        answerExport(studio, queued, completed);
+        return studio.call(id, "export_video", arguments);
+    };
+    answerExport(studio, queued, queued);
+    studio.call(1, "export_video", {{"action", "status"}, {"path", "earlier.mp4"}});
     studio.onCall([](const Json&) { return studioRefusal("No project is open."); });
-    auto reply = studio.call(1, "export_video", {{"path", "new.mp4"}});
-    EXPECT_EQ(reply["result"], studioRefusal("No project is open."));
-    ASSERT_TRUE(studio.bridge->exportDestination);
-    EXPECT_EQ(studio.bridge->exportDestination->url, "/earlier.mp4");
+    EXPECT_EQ(studio.call(2, "export_video", {{"path", "new.mp4"}})["result"], studioRefusal("No project is open."));
+    status(3, {{"action", "status"}});
+    EXPECT_EQ(readFile(studio.work() / "earlier.mp4"), "video");
 
     // A refused poll ends the wait; the new destination stays remembered.
     studio.onCall([](const Json& params) {
         return params["arguments"]["action"] == "start" ? studioResult(queued) : studioRefusal("Studio is busy.");
     });
-    reply = studio.call(2, "export_video", {{"path", "new.mp4"}});
-    EXPECT_EQ(reply["result"], studioRefusal("Studio is busy."));
-    EXPECT_EQ(studio.bridge->exportDestination->url, studio.work() / "new.mp4");
-}
+    EXPECT_EQ(studio.call(4, "export_video", {{"path", "new.mp4"}})["result"], studioRefusal("Studio is busy."));
+    status(5, {{"action", "status"}});
+    EXPECT_EQ(readFile(studio.work() / "new.mp4"), "video");
 
-TEST(StartingExports, StartWithoutAPathForgetsTheEarlierDestination) {
-    StudioHarness studio;
-    studio.bridge->exportDestination = StudioMCPBridge::ExportDestination{studio.work() / "earlier.mp4", false};
-    answerExport(studio, queued, completed);
-    studio.offerDownload("dl-1", "bytes");
-    auto reply = studio.call(1, "export_video", Json::object());
+    // A start without a path forgets the earlier destination.
+    answerExport(studio, queued, queued);
+    studio.call(6, "export_video", {{"action", "status"}, {"path", "later.mp4"}});
+    auto reply = status(7, Json::object());
     Json expected = completed;
     expected["file"].erase("downloadId");
     EXPECT_EQ(payloadOf(reply), expected);
-    EXPECT_TRUE(studio.downloads().empty());
-    EXPECT_FALSE(fs::exists(studio.work() / "earlier.mp4"));
+    EXPECT_FALSE(fs::exists(studio.work() / "later.mp4"));
+    EXPECT_EQ(studio.downloads().size(), 2u);
 }
 
-TEST(ExportStatus, ExistingFileIsReplacedOnlyWhenAsked) {
+TEST(ExportStatus, PathIsAnMp4ResolvedBeforeStudioIsAskedAndReplacedOnlyWhenAsked) {
     StudioHarness studio;
-    studio.file("out.mp4", "old");
     answerExport(studio, queued, completed);
     studio.offerDownload("dl-1", "new");
-    auto reply = studio.call(1, "export_video", {{"action", "status"}, {"path", "out.mp4"}});
-    EXPECT_EQ(toolText(reply), (studio.work() / "out.mp4").string() + " already exists.");
-    EXPECT_EQ(readFile(studio.work() / "out.mp4"), "old");
+    for (std::string path : {"out.mov", "out.MOV", "out", "/tmp/mp4"})
+        EXPECT_EQ(toolText(studio.call(1, "export_video", {{"action", "status"}, {"path", path}})),
+                  "path must end in .mp4.")
+            << path;
+    EXPECT_TRUE(studio.calls().empty());
 
-    studio.call(2, "export_video", {{"action", "status"}, {"path", "out.mp4"}, {"overwrite", true}});
-    EXPECT_EQ(readFile(studio.work() / "out.mp4"), "new");
-    EXPECT_EQ(modeOf(studio.work() / "out.mp4"), 0644u);
+    studio.file("out.MP4", "old");
+    auto reply = studio.call(2, "export_video", {{"action", "status"}, {"path", "renders/../out.MP4"}, {"overwrite", "yes"}});
+    EXPECT_EQ(toolText(reply), (studio.work() / "out.MP4").string() + " already exists.");
+    EXPECT_EQ(readFile(studio.work() / "out.MP4"), "old");
+    // Path and overwrite never reach Studio.
+    EXPECT_EQ(studio.calls().back()["arguments"], Json({{"action", "status"}}));
+
+    studio.call(3, "export_video", {{"action", "status"}, {"path", "out.MP4"}, {"overwrite", true}});
+    EXPECT_EQ(readFile(studio.work() / "out.MP4"), "new");
+    EXPECT_EQ(modeOf(studio.work() / "out.MP4"), 0644u);
 }
 
 TEST(ExportSettling, SettledPhasesWithoutALevelEndTheWait) {
-    auto settled = [](const Json& payload) { return StudioMCPBridge::exportSettled(studioResult(payload)); };
+    auto settled = [](const Json& payload) { return server::VideoExport::settled(studioResult(payload)); };
     for (std::string phase : {"completed", "failed", "cancelled", "none"}) {
         EXPECT_TRUE(settled({{"phase", phase}})) << phase;
         EXPECT_TRUE(settled({{"phase", phase}, {"file", "not an object"}})) << phase;
@@ -146,5 +156,5 @@ TEST(ExportSettling, SettledPhasesWithoutALevelEndTheWait) {
     EXPECT_FALSE(settled({{"phase", "rendering"}}));
     EXPECT_FALSE(settled({{"phase", "Completed"}}));
     EXPECT_FALSE(settled({{"state", "completed"}}));
-    EXPECT_FALSE(StudioMCPBridge::exportSettled(studioRefusal(R"({"phase":"completed"})")));
+    EXPECT_FALSE(server::VideoExport::settled(studioRefusal(R"({"phase":"completed"})")));
 }
