@@ -45,7 +45,7 @@ coverage: deps
 	@scripts/test-setup build-coverage
 	@find build-coverage -name '*.gcda' -delete
 	@cd build-coverage && ctest -j $(JOBS) --timeout 600 >ctest.log || { tail -40 ctest.log; exit 1; }
-	@gcovr -r . --object-directory build-coverage --filter 'src/' --exclude-unreachable-branches --exclude-throw-branches --print-summary -o build-coverage/coverage.txt
+	@scripts/coverage-report build-coverage build-coverage/coverage.txt
 	@echo "coverage: per-file figures in build-coverage/coverage.txt"
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer, then
