@@ -5,9 +5,11 @@
 using namespace testsupport;
 
 // Calls that need Studio fail alike in both eras: the link is one, and here
-// it cannot be made (no session bus).
+// it cannot be made (Studio runs, but the bridge has no session bus to find
+// it on), not even for a call the agent cancels at once.
 TEST(BothEras, OneProcessServesAHandshakeClientAndStatelessRequests) {
     BridgeSession session;
+    session.startStudio();
     session.environment()["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (session.home() / "no-bus").string();
     ChildProcess& bridge = session.launch();
     const json meta = {{"io.modelcontextprotocol/protocolVersion", "2026-07-28"},
@@ -34,6 +36,12 @@ TEST(BothEras, OneProcessServesAHandshakeClientAndStatelessRequests) {
     EXPECT_EQ(got["6"]["result"]["isError"], true);
     EXPECT_EQ(got["7"]["result"]["resultType"], "complete");
     EXPECT_EQ(got["6"]["result"]["content"], got["7"]["result"]["content"]);
+    // The next call waits for the link the cancelled one asked for (before the
+    // end of input, which would leave that work running as the process exits).
+    bridge.write(toolCall(8, "timeline", json::object()).dump() + "\n" +
+                 R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":8}})" "\n" +
+                 toolCall(9, "timeline", json::object()).dump() + "\n");
+    EXPECT_EQ(json::parse(bridge.readLine().value_or("{}"))["result"]["content"], got["6"]["result"]["content"]);
     EXPECT_EQ(session.finish(), "");
 }
 
