@@ -1,5 +1,5 @@
 // The bridge as a whole process: both eras of the protocol at once, the mode
-// an argument chooses, and what it says on standard error.
+// an argument chooses, and standard streams that fail.
 #include "BridgeSession.h"
 
 using namespace testsupport;
@@ -46,15 +46,20 @@ TEST(BothEras, OneProcessServesAHandshakeClientAndStatelessRequests) {
 }
 
 // An argument runs the installer, which does not read standard input (left
-// open here: a server would wait for it). Without one the server runs, and
-// serves on when what it says on standard error is lost (a dead agent's pipe,
-// a full disk); finding no Studio, it has something to say at once.
-TEST(ModeSelection, AnArgumentRunsTheInstallerNoneTheServerWhateverBecomesOfStandardError) {
+// open here: a server would wait for it). The server, finding no Studio, says
+// so once at start; it serves on when standard error cannot be written (a
+// dead agent's pipe, a full disk), and ends as at the end of input when
+// standard input cannot be read.
+TEST(WholeProcess, AnArgumentRunsTheInstallerAndTheServerCopesWithItsStandardStreams) {
     BridgeSession session;
     session.environment().erase("VANTORIC_STUDIO_APP");
     ChildProcess& installer = session.launch({bridgeBinary().string(), "frobnicate"});
     EXPECT_NE(installer.wait().value_or(0), 0);
     EXPECT_EQ(installer.readRest().find("jsonrpc"), std::string::npos);
+    ChildProcess& unreadable = session.launch({"/bin/sh", "-c", "exec \"$0\" < /", bridgeBinary().string()});
+    EXPECT_EQ(unreadable.wait(), 0);
+    EXPECT_EQ(unreadable.stderrText(), "vantoric-studio-mcp: Vantoric Studio was not found; set VANTORIC_STUDIO_APP.\n"
+                                       "vantoric-studio-mcp: Cannot read standard input: Is a directory.\n");
     ChildProcess& server = session.launch({"/bin/sh", "-c", "exec \"$0\" 2>/dev/full", bridgeBinary().string()});
     server.write(request(1, "ping").dump() + "\n");
     EXPECT_EQ(server.readLine(), R"({"jsonrpc":"2.0","id":1,"result":{}})");
