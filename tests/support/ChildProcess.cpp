@@ -94,8 +94,7 @@ void ChildProcess::write(const std::string& bytes) {
 }
 
 void ChildProcess::closeStdin() {
-    if (in_ >= 0) close(in_);
-    in_ = -1;
+    if (in_ >= 0) close(std::exchange(in_, -1));
 }
 
 bool ChildProcess::readMore(Clock::time_point deadline) {
@@ -133,9 +132,7 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
     return status_;
 }
 
-void ChildProcess::kill(int signal) {
-    if (!status_) ::kill(pid_, signal);
-}
+void ChildProcess::kill(int signal) { if (!status_) ::kill(pid_, signal); }
 
 std::string ChildProcess::stderrText() const {
     std::string text;

@@ -37,9 +37,7 @@ public:
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
-    std::filesystem::path write(const std::string& relative, const std::string& contents) const {
-        return writeFile(path_ / relative, contents);
-    }
+    std::filesystem::path write(const std::string& relative, const std::string& contents) const { return writeFile(path_ / relative, contents); }
 
 private:
     std::filesystem::path path_;

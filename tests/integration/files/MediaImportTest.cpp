@@ -30,7 +30,8 @@ TEST(AgentPaths, FilesAreUploadedAndStudioSeesOnlyTheUploads) {
     EXPECT_EQ(BridgeSession::text(missing), "No file at " + (work / "gone/x.mov").string() + ".");
     json many = json::array();
     for (int i = 0; i < 21; ++i) many.push_back(writeFile(work / "many" / (std::to_string(i) + ".mov"), std::string(100 + i, 'm')).string());
-    EXPECT_EQ(BridgeSession::text(session.call(3, "import_media", {{"paths", many}})), "Pass paths: 1 to 20 files on this Mac.");
+    for (const json& paths : {many, json("a.mov"), json::array(), json::array({7})})
+        EXPECT_EQ(BridgeSession::text(session.call(3, "import_media", {{"paths", paths}})), "Pass paths: 1 to 20 files on this Mac.");
     EXPECT_EQ(session.studioEvents("upload").size(), 3u);
     many.erase(many.size() - 1);
     auto twenty = BridgeSession::payload(session.call(4, "import_media", {{"paths", many}}))["imported"];

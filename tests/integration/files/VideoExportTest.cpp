@@ -12,8 +12,7 @@ using namespace testsupport;
 
 namespace {
 
-// Download requests as Studio logged them on arrival (the outcome of a
-// download is logged only once Studio has finished sending).
+// Download requests as Studio logged them on arrival (their outcome comes only once sent).
 size_t downloadRequests(const BridgeSession& session) {
     return std::ranges::count_if(session.studioEvents("http"), [](const json& event) {
         return event["method"] == "GET" && event["target"].get<std::string>().starts_with("/downloads/");

@@ -51,8 +51,7 @@ public:
     void start(bool withProject = true) {
         startStudio();
         startBridge();
-        if (withProject && isError(call(1000, "project", {{"action", "create"}, {"name", "Trip"}})))
-            throw std::runtime_error("no project");
+        if (withProject && isError(call(1000, "project", {{"action", "create"}, {"name", "Trip"}}))) throw std::runtime_error("no project");
     }
     // The arguments of the calls of `tool` that reached Studio, in order.
     std::vector<json> forwarded(const std::string& tool) const {

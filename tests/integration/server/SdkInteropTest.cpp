@@ -23,8 +23,7 @@ TEST_P(OfficialSdkClient, WholeSessionWithProgressAndACancelledCall) {
     EXPECT_EQ(out["era"], mode == "v1" ? "handshake" : "modern");
     if (mode != "v1") {
         EXPECT_EQ(out["version"], "2026-07-28");
-        EXPECT_EQ(out["discover"]["supportedVersions"],
-                  json::parse(R"(["2026-07-28","2025-11-25","2025-06-18","2025-03-26","2024-11-05"])"));
+        EXPECT_EQ(out["discover"]["supportedVersions"], json::parse(R"(["2026-07-28","2025-11-25","2025-06-18","2025-03-26","2024-11-05"])"));
         // Every result on the wire was framed for the stateless revision.
         ASSERT_FALSE(out["rawResults"].empty());
         for (const auto& result : out["rawResults"]) EXPECT_EQ(result["resultType"], "complete") << result.dump();
@@ -39,15 +38,13 @@ TEST_P(OfficialSdkClient, WholeSessionWithProgressAndACancelledCall) {
               "the clips, order them on the timeline, then export to rough-cut.mp4 in the working folder.");
     EXPECT_EQ(out["refused"]["content"][0]["text"], R"(export_video has no parameter "pathh" (did you mean "path"?). Nothing was done.)");
     EXPECT_EQ(out["project"]["isError"], false) << out["project"].dump();
-    // The export went through Studio and told its phases on the way (the
-    // client may hand the last one out after the result, so the wire says
-    // which were sent).
+    // The export told its phases on the way (the wire says which: the client
+    // may hand the last one out after the result).
     EXPECT_EQ(out["exported"]["isError"], false) << out["exported"].dump();
     ASSERT_GE(out["progressOnWire"].size(), 2u) << out.dump();
     EXPECT_EQ(out["progressOnWire"].front()["message"], "Export queued");
     EXPECT_EQ(out["progressOnWire"].back()["message"], "Export completed");
-    // The cancelled call: the agent said so, and the bridge never answered
-    // it, although Studio finished it meanwhile.
+    // The cancelled call was never answered, although Studio finished it.
     EXPECT_EQ(out["cancelNotice"], out["cancelledId"]) << out.dump();
     EXPECT_EQ(out["repliesToCancelled"], 0);
     EXPECT_EQ(out["after"]["isError"], false) << out["after"].dump();
