@@ -69,15 +69,12 @@ class ClaudeAndCodexSteps : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override { machine.installAgent(id); }
     std::vector<std::string> expectedCalls(const std::string& kinds) const {
-        std::string bridge = machine.bridge.string();
-        std::map<char, std::string> claude = {{'g', "mcp get vantoric-studio"},
-                                              {'a', "mcp add --scope user vantoric-studio -- " + bridge},
-                                              {'r', "mcp remove vantoric-studio --scope user"}};
-        std::map<char, std::string> codex = {{'g', "mcp get vantoric-studio --json"},
-                                             {'a', "mcp add vantoric-studio -- " + bridge},
-                                             {'r', "mcp remove vantoric-studio"}};
+        bool claude = id == "claude";
+        std::map<char, std::string> words = {{'g', claude ? "mcp get vantoric-studio" : "mcp get vantoric-studio --json"},
+                                             {'a', (claude ? "mcp add --scope user" : "mcp add") + std::string(" vantoric-studio -- ") + machine.bridge.string()},
+                                             {'r', claude ? "mcp remove vantoric-studio --scope user" : "mcp remove vantoric-studio"}};
         std::vector<std::string> calls;
-        for (char kind : kinds) calls.push_back((id == "claude" ? claude : codex)[kind]);
+        for (char kind : kinds) calls.push_back(words[kind]);
         return calls;
     }
     std::map<std::string, std::vector<std::string>>& servers() { return machine.agents.servers[id]; }
