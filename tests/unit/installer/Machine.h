@@ -1,8 +1,8 @@
 // A user's machine in memory for installer tests: files (MemoryFiles), the
 // programs of Claude Code, Codex and OpenCode as one recording double
 // (FakeAgents) answering their "mcp" subcommands in their own words, and the
-// installer run against both. The real services are tested in
-// tests/unit/platform, the real agents in tests/integration/installer.
+// installer run against both, touching no disk and starting no process (the
+// real services: tests/unit/platform; the real agents: tests/integration/installer).
 #pragma once
 #include <gtest/gtest.h>
 
