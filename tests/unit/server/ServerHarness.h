@@ -71,8 +71,8 @@ public:
     }
     void receive(const std::string& line) { receive(std::vector<std::string>{line}); }
 
-    void drain() { boost::asio::co_spawn(bridge->strand(), bridge->drain(), boost::asio::detached), run(); }
-    void run() { context.restart(), context.run(); }
+    void drain() { boost::asio::co_spawn(bridge->strand(), bridge->drain(), boost::asio::detached); run(); }
+    void run() { context.restart(); context.run(); }
 
     // Every line written so far, parsed; each must be one JSON object ending
     // in exactly one line feed.
@@ -134,12 +134,8 @@ inline BridgeTiming shortTiming() {
     return timing;
 }
 
-// Made before the bridge that works in them.
-struct TestFolders {
-    TestFolders() {
-        std::filesystem::create_directories(work());
-        std::filesystem::create_directories(home());
-    }
+struct TestFolders {  // made before the bridge that works in them
+    TestFolders() { std::filesystem::create_directories(work()); std::filesystem::create_directories(home()); }
     std::filesystem::path work() const { return dir.path() / "work"; }
     std::filesystem::path home() const { return dir.path() / "home"; }
     TempDir dir;
@@ -152,11 +148,7 @@ public:
                         Link{*URL::parse(base() + "/mcp"), *URL::parse(base()), "t0k3n", nullptr}) {
         setHandler([this](const FakeHttp::Request& request) { return serve(request); });
     }
-    // The bridge's connections close before the server goes away.
-    ~StudioHarness() {
-        drain();
-        bridge.reset();
-    }
+    ~StudioHarness() { drain(); bridge.reset(); }  // the bridge's connections close before the server goes
 
     // Studio's answer to a tool call's params, called on the server's threads.
     void onCall(std::function<Json(const Json& params)> answer) { std::lock_guard lock(mutex_); answer_ = std::move(answer); }
