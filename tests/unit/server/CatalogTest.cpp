@@ -140,31 +140,19 @@ TEST(CheckingParameters, UnknownNamesAreRefusedWithASuggestionOrTheParameters) {
 
 TEST(Suggestions, LettersAndNumbersAsWholeCharactersWithAToleranceThatGrowsWithTheName) {
     const std::vector<std::tuple<std::string, std::vector<std::string>, std::optional<std::string>>> cases = {
-        {"filePath", {"file_path", "overwrite"}, "file_path"},  // case and separators do not count
-        {"ID", {"id"}, "id"},
-        {"mode", {"model", "mods"}, "mods"},  // equal distance: the shorter name
-        {"mode", {"mods", "modx"}, "mods"},
-        {"pat", {"path"}, std::nullopt},  // 3 letters: exact only
-        {"paht", {"path"}, std::nullopt},  // 4 letters, 2 edits
-        {"pathh", {"path"}, "path"},  // 5 letters, 1 edit
-        {"overwrit", {"overwrite"}, "overwrite"},
-        {"ovrwrt", {"overwrite"}, std::nullopt},  // 6 letters, 3 edits
-        {"ovrwrte", {"overwrite"}, "overwrite"},  // 7 letters, 2 edits
-        {"__", {"a_b"}, std::nullopt},
-        {"", {""}, std::nullopt},
-        {"path", {}, std::nullopt},
+        {"filePath", {"file_path", "overwrite"}, "file_path"}, {"ID", {"id"}, "id"},  // case and separators do not count
+        {"mode", {"model", "mods"}, "mods"}, {"mode", {"mods", "modx"}, "mods"},  // equal distance: the shorter name
+        // 3 letters: exact only; 4 letters, 2 edits: none; 5, 1: found; 6, 3: none; 7, 2: found.
+        {"pat", {"path"}, std::nullopt}, {"paht", {"path"}, std::nullopt}, {"pathh", {"path"}, "path"},
+        {"overwrit", {"overwrite"}, "overwrite"}, {"ovrwrt", {"overwrite"}, std::nullopt}, {"ovrwrte", {"overwrite"}, "overwrite"},
+        {"__", {"a_b"}, std::nullopt}, {"", {""}, std::nullopt}, {"path", {}, std::nullopt},
         // ß and ö are letters; composed and decomposed forms are one
         // character; symbols are not letters.
-        {"Größe", {"farbe", "größe"}, "größe"},
-        {"grösse", {"größe"}, "größe"},
-        {"ÉCRAN", {"écran"}, "écran"},
-        {"caf\xc3\xa9", {"cafe\xcc\x81"}, "cafe\xcc\x81"},
-        {"名前", {"名前_", "名"}, "名前_"},
-        {"path🙂", {"path"}, "path"},
+        {"Größe", {"farbe", "größe"}, "größe"}, {"grösse", {"größe"}, "größe"}, {"ÉCRAN", {"écran"}, "écran"},
+        {"caf\xc3\xa9", {"cafe\xcc\x81"}, "cafe\xcc\x81"}, {"名前", {"名前_", "名"}, "名前_"}, {"path🙂", {"path"}, "path"},
         // Both one edit away: the later wins only by having fewer
         // characters, though it has as many bytes or more.
-        {"abcd", {"abcx__", "abc\xc3\xa9_"}, "abc\xc3\xa9_"},
-        {"abcd", {"abcx__", "abce\xcc\x81_"}, "abce\xcc\x81_"},
+        {"abcd", {"abcx__", "abc\xc3\xa9_"}, "abc\xc3\xa9_"}, {"abcd", {"abcx__", "abce\xcc\x81_"}, "abce\xcc\x81_"},
         {"abcd", {"abcx_", "abcy"}, "abcy"},
     };
     for (const auto& [name, among, suggested] : cases) EXPECT_EQ(Catalog::closest(name, among), suggested) << name;
