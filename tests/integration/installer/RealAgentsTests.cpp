@@ -37,9 +37,6 @@ struct Ran {
 class RealAgents : public ::testing::Test {
 protected:
     void SetUp() override {
-#ifndef VSM_BRIDGE_BINARY
-        GTEST_SKIP() << "this build has no vantoric-studio-mcp binary";
-#endif
         for (auto program : {"claude", "codex", "opencode"})
             ASSERT_TRUE(fs::exists(agentsBin / program)) << program << " is missing from " << agentsBin << "; run scripts/test-setup";
         // Below the build tree, not /tmp: Codex refuses some work under a
@@ -58,18 +55,16 @@ protected:
     void useHome(const fs::path& home) {
         fs::create_directories(home);
         fs::create_directories(root / "tmp");
-        // The agents' launchers need node on the PATH.
+        // The agents' launchers need node on the PATH, and nothing else of the developer's.
         std::string nodeFolder = "/usr/bin";
         std::istringstream path(std::getenv("PATH") ? std::getenv("PATH") : "");
         for (std::string folder; std::getline(path, folder, ':');)
             if (!folder.empty() && access((fs::path(folder) / "node").c_str(), X_OK) == 0) nodeFolder = folder;
-        environment = {{"HOME", home.string()}, {"TMPDIR", (root / "tmp").string()},
-                       {"PATH", agentsBin.string() + ":" + nodeFolder + ":/usr/bin:/bin"}, {"LANG", "C.UTF-8"},
-                       // Claude Code checks a registered server by starting it;
-                       // the bridge answers at once, so a short wait is plenty.
-                       {"MCP_TIMEOUT", "10000"}, {"DISABLE_AUTOUPDATER", "1"}, {"DISABLE_TELEMETRY", "1"},
-                       {"DISABLE_ERROR_REPORTING", "1"}, {"CLAUDE_CODE_DISABLE_NONESSENTIAL_TRAFFIC", "1"},
-                       {"OPENCODE_DISABLE_AUTOUPDATE", "1"}};
+        // Claude Code checks a registered server by starting it; the bridge answers at once.
+        environment = {{"HOME", home.string()}, {"TMPDIR", (root / "tmp").string()}, {"LANG", "C.UTF-8"}, {"MCP_TIMEOUT", "10000"},
+                       {"PATH", agentsBin.string() + ":" + nodeFolder + ":/usr/bin:/bin"}, {"DISABLE_AUTOUPDATER", "1"},
+                       {"DISABLE_TELEMETRY", "1"}, {"DISABLE_ERROR_REPORTING", "1"},
+                       {"CLAUDE_CODE_DISABLE_NONESSENTIAL_TRAFFIC", "1"}, {"OPENCODE_DISABLE_AUTOUPDATE", "1"}};
     }
 
     Ran execute(std::vector<std::string> argv) const {
@@ -94,13 +89,12 @@ protected:
         }
     }
 
-    // The command each agent now holds for `name`, read through the agent
+    // The entry each agent now holds for `name`, read through the agent
     // itself where it can tell.
     std::string claudeCommand(const std::string& name) const {
         auto answer = agent("claude", {"mcp", "get", name});
         auto at = answer.output.find("  Command: ");
-        if (answer.status != 0 || at == std::string::npos) return "";
-        return answer.output.substr(at + 11, answer.output.find('\n', at) - at - 11);
+        return answer.status != 0 || at == std::string::npos ? "" : answer.output.substr(at + 11, answer.output.find('\n', at) - at - 11);
     }
     std::optional<nlohmann::json> codexTransport(const std::string& name) const {
         auto answer = agent("codex", {"mcp", "get", name, "--json"});
@@ -122,20 +116,38 @@ protected:
 
 }  // namespace
 
-TEST_F(RealAgents, InstallStatusAndUninstallRoundTrip) {
-    expect({{{"status"}, each("MCP server not added, skill not installed.")},
-            {{"install"}, each("Studio's MCP server added, skill installed.") + advice}});
-    // Each agent now starts this very bridge, with no arguments, and got its
-    // answers when it did.
+// Entries that start another copy are replaced, OpenCode's only inside its
+// command array; then each agent starts this very bridge, with no arguments,
+// and gets its answers; then everything goes.
+TEST_F(RealAgents, StaleEntriesAreReplacedEachAgentStartsThisBridgeAndUninstallClearsAll) {
+    std::string old = "/opt/old/vantoric-studio-mcp";
+    ASSERT_EQ(agent("claude", {"mcp", "add", "--scope", "user", "vantoric-studio", "--", old, "--verbose"}).status, 0);
+    ASSERT_EQ(agent("codex", {"mcp", "add", "vantoric-studio", "--", old}).status, 0);
+    ASSERT_EQ(agent("opencode", {"mcp", "add", "vantoric-studio", "--", old}).status, 0);
+    std::string configBefore = testsupport::readFile(openCodeConfig());
+    std::string pointAt = "; `vantoric-studio-mcp install` points it at this one.\n";
+    auto another = [&](const std::string& title, const std::string& runs) {
+        return title + ": MCP server added but it runs another copy, skill not installed.\n    It runs " + runs + pointAt;
+    };
+    auto updated = [&](const std::string& title, const std::string& ran) {
+        return title + ": Studio's MCP server updated (it ran " + ran + "), skill installed.\n";
+    };
+    expect({{{"status"}, another("Claude Code", old + " --verbose") + another("Codex", old) + another("OpenCode", old)},
+            {{"install", "claude", "codex", "opencode"},
+             updated("Claude Code", old + " --verbose") + updated("Codex", old) + updated("OpenCode", old) + advice}});
     auto claude = agent("claude", {"mcp", "get", "vantoric-studio"});
     EXPECT_NE(claude.output.find("  Command: " + bridge.string() + "\n  Args:\n"), std::string::npos) << claude.output;
     EXPECT_NE(claude.output.find("Status: \u2714 Connected"), std::string::npos) << claude.output;
     EXPECT_EQ(codexTransport("vantoric-studio").value_or(nullptr)["command"], bridge.string());
     EXPECT_EQ(codexTransport("vantoric-studio").value_or(nullptr)["args"], nlohmann::json::array());
-    EXPECT_EQ(openCodeEntry("vantoric-studio").value_or(nullptr)["command"], nlohmann::json::array({bridge.string()}));
+    std::string oldArray = "[\n        \"" + old + "\"\n      ]";
+    ASSERT_NE(configBefore.find(oldArray), std::string::npos) << configBefore;
+    EXPECT_EQ(testsupport::readFile(openCodeConfig()),
+              configBefore.replace(configBefore.find(oldArray), oldArray.size(), "[\"" + bridge.string() + "\"]"));
     auto list = agent("opencode", {"mcp", "list"});
     EXPECT_NE(list.output.find("\u2713 vantoric-studio"), std::string::npos) << list.output;
     EXPECT_NE(list.output.find("connected"), std::string::npos) << list.output;
+    EXPECT_NE(list.output.find(bridge.string()), std::string::npos) << list.output;
     std::string skill = testsupport::readFile(releaseApp / "Contents/Resources/AgentLink/vantoric-studio-skill.md");
     fs::path home = environment.at("HOME");
     for (auto folder : {".claude/skills", ".codex/skills", ".config/opencode/skills"})
@@ -158,48 +170,15 @@ TEST_F(RealAgents, InstallStatusAndUninstallRoundTrip) {
     expect({{{"uninstall"}, each("no MCP server to remove.")}});
 }
 
-TEST_F(RealAgents, EntriesThatStartAnotherCopyAreReplaced) {
-    std::string old = "/opt/old/vantoric-studio-mcp";
-    ASSERT_EQ(agent("claude", {"mcp", "add", "--scope", "user", "vantoric-studio", "--", old, "--verbose"}).status, 0);
-    ASSERT_EQ(agent("codex", {"mcp", "add", "vantoric-studio", "--", old}).status, 0);
-    ASSERT_EQ(agent("opencode", {"mcp", "add", "vantoric-studio", "--", old}).status, 0);
-    std::string configBefore = testsupport::readFile(openCodeConfig());
-    std::string pointAt = "; `vantoric-studio-mcp install` points it at this one.\n";
-    expect({{{"status"}, "Claude Code: MCP server added but it runs another copy, skill not installed.\n    It runs " + old +
-                             " --verbose" + pointAt + "Codex: MCP server added but it runs another copy, skill not installed.\n"
-                             "    It runs " + old + pointAt + "OpenCode: MCP server added but it runs another copy, skill not "
-                             "installed.\n    It runs " + old + pointAt},
-            {{"install", "claude", "codex", "opencode"},
-             "Claude Code: Studio's MCP server updated (it ran " + old + " --verbose), skill installed.\nCodex: Studio's MCP "
-             "server updated (it ran " + old + "), skill installed.\nOpenCode: Studio's MCP server updated (it ran " + old +
-                 "), skill installed.\n" + advice}});
-    EXPECT_EQ(claudeCommand("vantoric-studio"), bridge.string());
-    EXPECT_EQ(codexTransport("vantoric-studio").value_or(nullptr)["command"], bridge.string());
-    // OpenCode's file changed only inside the command array, and OpenCode
-    // reads the edited file and starts this bridge from it.
-    std::string oldArray = "[\n        \"" + old + "\"\n      ]";
-    ASSERT_NE(configBefore.find(oldArray), std::string::npos) << configBefore;
-    EXPECT_EQ(testsupport::readFile(openCodeConfig()),
-              configBefore.replace(configBefore.find(oldArray), oldArray.size(), "[\"" + bridge.string() + "\"]"));
-    auto list = agent("opencode", {"mcp", "list"});
-    EXPECT_NE(list.output.find("\u2713 vantoric-studio"), std::string::npos) << list.output;
-    EXPECT_NE(list.output.find(bridge.string()), std::string::npos) << list.output;
-}
-
-TEST_F(RealAgents, CodexAnswerAfterItsTemporaryFolderWarningIsUnderstood) {
-    // With its home below the temporary folder, Codex prints a warning line
-    // before every answer.
+// Also the one fresh install into each agent, OpenCode's first refusing
+// --global; with its home below the temporary folder, Codex prints a warning
+// line before every answer.
+TEST_F(RealAgents, SubjectBuildRegistersItsOwnNameAndNoSkillWhateverCodexWarns) {
     useHome(root / "tmp" / "home");
     auto warned = agent("codex", {"mcp", "get", "vantoric-studio", "--json"});
     ASSERT_NE(warned.output.find("WARNING:"), std::string::npos) << warned.output;
-    expect({{{"install", "codex"}, "Codex: Studio's MCP server added, skill installed.\n" + advice},
-            {{"status", "codex"}, "Codex: MCP server added, skill installed.\n"},
-            {{"uninstall", "codex"}, "Codex: MCP server removed, skill removed.\n"}});
-}
-
-TEST_F(RealAgents, SubjectBuildRegistersItsOwnNameAndNoSkill) {
     bridge = fs::path(VSM_BUNDLES_DIR) / "Vantoric Studio Subject.app/Contents/MacOS/vantoric-studio-mcp";
-    expect({{{"install"}, each("Studio's MCP server added.") + advice}});
+    expect({{{"status"}, each("MCP server not added.")}, {{"install"}, each("Studio's MCP server added.") + advice}});
     EXPECT_EQ(claudeCommand("studio-subject"), bridge.string());
     EXPECT_EQ(claudeCommand("vantoric-studio"), "");
     EXPECT_TRUE(openCodeEntry("studio-subject"));

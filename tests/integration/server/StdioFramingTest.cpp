@@ -32,10 +32,6 @@ const Framing framings[] = {
     {"LineSplitAcrossWrites", {R"({"jsonrpc":"2.0","id":1,)", R"("method":"ping"})" "\n"}, {pong("1")}},
     {"BlankLinesAreSkippedAndIdsComeBackAsSent", {ping("1") + "\n\n" + ping("0.5") + ping("true")}, {pong("1"), pong("0.5"), pong("true")}},
     {"CarriageReturnLineFeed", {R"({"jsonrpc":"2.0","id":1,"method":"ping"})" "\r\n" + ping("2")}, {pong("1"), pong("2")}},
-    {"BatchElementsAreAnsweredAlone",
-     {R"([{"jsonrpc":"2.0","id":1,"method":"ping"},{"jsonrpc":"2.0","method":"notifications/initialized"},)"
-      R"({"jsonrpc":"2.0","id":2,"method":"ping"},5,"junk",null,[],{"jsonrpc":"2.0","id":9,"result":{}}])" "\n[]\n"},
-     {pong("1"), pong("2")}},
     {"InvalidUtf8NulOrNoObject",
      {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"ping\",\"params\":{\"x\":\"\xc3\x28\xff\"}}\n" + std::string(1, '\0') +
       "\x80\x81\n42\n" + ping("2")},

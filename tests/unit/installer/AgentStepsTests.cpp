@@ -9,7 +9,7 @@ using BridgeInstaller::SkillSource;
 
 namespace {
 
-struct ProgramAnswer {
+struct AgentAnswer {
     int status;
     std::string text;
     Registration expected;
@@ -23,7 +23,7 @@ TEST(AgentAnswers, ClaudesEntryLinesAndCodexsTransportDecideTheRegistration) {
     machine.files.put(machine.root / "linked", FileKind::link, "home/real");
     std::string lower = "  command: " + bridge.string() + "\n  The Command: x\n";  // prefixes are case-sensitive
     auto claude = [](const std::string& command, const std::string& args = "") { return claudeAnswer("vantoric-studio", command, args); };
-    std::vector<ProgramAnswer> cases = {
+    std::vector<AgentAnswer> cases = {
         {1, "No MCP server named \"vantoric-studio\". Run `claude mcp add` to add one.\n", Registration::absent()},
         {1, "No MCP server named \"vantoric-studio\". Configured servers: a, b\n", Registration::absent()},
         {-1, "Could not start claude: Permission denied.", Registration::unknown("Could not start claude: Permission denied.")},
@@ -69,15 +69,12 @@ class ClaudeAndCodexSteps : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override { machine.installAgent(id); }
     std::vector<std::string> expectedCalls(const std::string& kinds) const {
-        std::string bridge = machine.bridge.string();
-        std::map<char, std::string> claude = {{'g', "mcp get vantoric-studio"},
-                                              {'a', "mcp add --scope user vantoric-studio -- " + bridge},
-                                              {'r', "mcp remove vantoric-studio --scope user"}};
-        std::map<char, std::string> codex = {{'g', "mcp get vantoric-studio --json"},
-                                             {'a', "mcp add vantoric-studio -- " + bridge},
-                                             {'r', "mcp remove vantoric-studio"}};
+        bool claude = id == "claude";
+        std::map<char, std::string> words = {{'g', claude ? "mcp get vantoric-studio" : "mcp get vantoric-studio --json"},
+                                             {'a', (claude ? "mcp add --scope user" : "mcp add") + std::string(" vantoric-studio -- ") + machine.bridge.string()},
+                                             {'r', claude ? "mcp remove vantoric-studio --scope user" : "mcp remove vantoric-studio"}};
         std::vector<std::string> calls;
-        for (char kind : kinds) calls.push_back((id == "claude" ? claude : codex)[kind]);
+        for (char kind : kinds) calls.push_back(words[kind]);
         return calls;
     }
     std::map<std::string, std::vector<std::string>>& servers() { return machine.agents.servers[id]; }

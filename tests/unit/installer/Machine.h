@@ -1,9 +1,8 @@
 // A user's machine in memory for installer tests: files (MemoryFiles), the
 // programs of Claude Code, Codex and OpenCode as one recording double
-// (FakeAgents) answering their "mcp" subcommands in the programs' own words,
-// and the installer run against both. Nothing touches the disk or starts a
-// process: the real services are tested in tests/unit/platform, the real
-// agents in tests/integration/installer.
+// (FakeAgents) answering their "mcp" subcommands in their own words, and the
+// installer run against both, touching no disk and starting no process (the
+// real services: tests/unit/platform; the real agents: tests/integration/installer).
 #pragma once
 #include <gtest/gtest.h>
 
@@ -30,9 +29,9 @@ public:
     std::vector<fs::path> written;       // every file replaced, in order
     std::map<fs::path, int> failWrites;  // errno a write of that file fails with
 
-    fs::path put(const fs::path& path, FileKind kind, std::string bytes = {}, mode_t mode = 0644) {
+    fs::path put(const fs::path& path, FileKind kind, std::string bytes = {}, mode_t mode = 0644) {  // a link's bytes: its target
         createFolders(path.parent_path());
-        nodes_[path] = {kind, std::move(bytes), mode};  // a link's bytes: its target
+        nodes_[path] = {kind, std::move(bytes), mode};
         return path;
     }
     fs::path write(const fs::path& path, std::string bytes, mode_t mode = 0644) { return put(path, FileKind::file, bytes, mode); }
@@ -76,9 +75,7 @@ public:
     }
     platform::FileStatus status(const fs::path& path) const override { return statusOf(walk(path, true)); }
     platform::FileStatus linkStatus(const fs::path& path) const override { return statusOf(walk(path, false)); }
-    bool isExecutable(const fs::path& path) const override {
-        return status(path).kind == FileKind::file && (status(path).permissions & 0111);
-    }
+    bool isExecutable(const fs::path& path) const override { return readable(path) && (status(path).permissions & 0111); }
     bool readable(const fs::path& path) const override { return status(path).kind == FileKind::file; }
     fs::path resolved(const fs::path& path) const override {
         auto [resolved, error] = walk(path, true);
@@ -86,25 +83,19 @@ public:
     }
 
 private:
-    struct Node {
-        FileKind kind;
-        std::string bytes;
-        mode_t mode;
-    };
+    struct Node { FileKind kind; std::string bytes; mode_t mode; };
     // Where the path leads, and errno when it leads nowhere; what is left of
     // it after a missing component is spelled out as it is.
     std::pair<fs::path, int> walk(const fs::path& path, bool followLast) const {
         std::vector<std::string> rest;  // a stack: the next component last
-        for (const auto& part : path.relative_path()) rest.insert(rest.begin(), part.string());
+        auto push = [&](const fs::path& parts) { for (auto p = parts.end(); p != parts.begin();) rest.push_back((--p)->string()); };
+        push(path.relative_path());
         fs::path at = "/";
         for (int links = 0; !rest.empty();) {
             std::string part = rest.back();
             rest.pop_back();
             if (part.empty() || part == ".") continue;
-            if (part == "..") {
-                at = at.parent_path();
-                continue;
-            }
+            if (part == "..") { at = at.parent_path(); continue; }
             auto node = nodes_.find(at / part);
             if (node == nodes_.end()) {
                 for (at /= part; !rest.empty(); rest.pop_back()) at /= rest.back();
@@ -114,9 +105,7 @@ private:
                 if (++links > 40) return {path, ELOOP};
                 fs::path target = node->second.bytes;
                 if (target.is_absolute()) at = "/";
-                std::vector<std::string> parts;
-                for (const auto& p : target.relative_path()) parts.insert(parts.begin(), p.string());
-                rest.insert(rest.end(), parts.begin(), parts.end());
+                push(target.relative_path());
             } else if (!rest.empty() && node->second.kind != FileKind::folder) {
                 return {path, ENOTDIR};
             } else {
@@ -152,13 +141,10 @@ public:
     std::map<std::string, std::map<std::string, std::vector<std::string>>> servers;
     std::map<std::string, std::vector<std::string>> calls;
     std::map<std::string, std::map<std::string, platform::CommandResult>> scripts;
-    void script(const std::string& id, const std::string& prefix, std::string output, int status) {
-        scripts[id][prefix] = answer(status, std::move(output));
-    }
+    void script(const std::string& id, const std::string& prefix, std::string output, int status) { scripts[id][prefix] = answer(status, std::move(output)); }
 
     platform::CommandResult run(const fs::path& program, const std::vector<std::string>& args, double) override {
-        std::string id = program.filename(), line;
-        for (const auto& arg : args) line += (line.empty() ? "" : " ") + arg;
+        std::string id = program.filename(), line = join(args.begin(), args.end());
         calls[id].push_back(line);
         const platform::CommandResult* scripted = nullptr;
         for (const auto& [prefix, result] : scripts[id])
@@ -172,11 +158,7 @@ public:
         if (sub == "get" && !list.count(name))
             return answer(1, id == "claude" ? "No MCP server named \"" + name + "\". Run `claude mcp add` to add one.\n"
                                             : "Error: No MCP server named '" + name + "' found.\n");
-        if (sub == "get" && id == "claude") {
-            std::string rest;
-            for (std::size_t i = 1; i < list[name].size(); ++i) rest += (i > 1 ? " " : "") + list[name][i];
-            return answer(0, claudeAnswer(name, list[name].front(), rest));
-        }
+        if (sub == "get" && id == "claude") return answer(0, claudeAnswer(name, list[name].front(), join(list[name].begin() + 1, list[name].end())));
         if (sub == "get") {
             nlohmann::json transport = {{"type", "stdio"}, {"command", list[name].front()}, {"env", nullptr},
                                         {"args", std::vector<std::string>(list[name].begin() + 1, list[name].end())}};
@@ -188,9 +170,12 @@ public:
     }
 
 private:
-    static platform::CommandResult answer(int status, std::string output) {
-        return {.status = status, .exited = true, .head = std::move(output)};
+    static std::string join(auto begin, auto end) {
+        std::string line;
+        for (; begin != end; ++begin) line += (line.empty() ? "" : " ") + *begin;
+        return line;
     }
+    static platform::CommandResult answer(int status, std::string output) { return {.status = status, .exited = true, .head = std::move(output)}; }
     // Current OpenCode refuses --global with its help; the plain form writes
     // the global configuration, through a link if one is there.
     platform::CommandResult openCodeAdd(const std::vector<std::string>& args, const std::string& name,
@@ -255,11 +240,7 @@ public:
         throw std::runtime_error(id + " is not installed on this machine");
     }
 
-    struct Result {
-        std::vector<std::string> arguments;
-        int status;
-        std::string output;
-    };
+    struct Result { std::vector<std::string> arguments; int status; std::string output; };
     Result run(const std::vector<std::string>& arguments, std::optional<fs::path> bridge = {}) {
         std::ostringstream out;
         int status = BridgeInstaller::run(arguments, bridge.value_or(this->bridge), studio, system(), settings(), out);

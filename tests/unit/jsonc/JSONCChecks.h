@@ -1,10 +1,10 @@
-// Checks shared by the JSONC property tests and the JSONC fuzz target: the
-// structural invariants every parsed document must keep, every member path
-// of a document, and the removal rules written out a second time, plainly,
-// as an oracle for removingMember.
-// Header-only and free of any test framework: a failed check is a message.
+// Checks shared by the JSONC property tests and the JSONC fuzz target, free
+// of any test framework (a failed check is a message): the invariants every
+// parsed document keeps, its member paths, and the removal rules written out
+// a second time, plainly, as an oracle for removingMember.
 #pragma once
 #include <algorithm>
+#include <cctype>
 #include <optional>
 #include <set>
 #include <string>
@@ -25,10 +25,10 @@ inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::
     if (range.lowerBound >= range.upperBound || range.upperBound > bytes.size())
         return "a node's range is empty or runs past the text";
     char first = bytes[range.lowerBound], last = bytes[range.upperBound - 1];
+    std::size_t after = range.lowerBound + 1;  // where the next member or element may start
     switch (node.kind()) {
-    case Kind::object: {
+    case Kind::object:
         if (first != '{' || last != '}') return "an object's range is not its braces";
-        std::size_t after = range.lowerBound + 1;
         for (const auto& member : node.members()) {
             if (member.keyStart() < after || bytes[member.keyStart()] != '"')
                 return "a key does not start at a quote after the previous member";
@@ -36,39 +36,26 @@ inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::
             if (!utf8::isWellFormed(member.key())) return "a decoded key is not well-formed UTF-8";
             if (std::string error = brokenInvariant(bytes, member.value()); !error.empty()) return error;
             after = member.value().range().upperBound;
-            if (member.comma()) {
-                if (*member.comma() < after || bytes[*member.comma()] != ',')
-                    return "a member's comma is not a comma after its value";
-                after = *member.comma() + 1;
-            } else if (&member != &node.members().back()) {
-                return "a member other than the last has no comma";
-            }
+            if (member.comma() && (*member.comma() < after || bytes[*member.comma()] != ','))
+                return "a member's comma is not a comma after its value";
+            if (member.comma()) after = *member.comma() + 1;
+            else if (&member != &node.members().back()) return "a member other than the last has no comma";
         }
-        if (after > range.upperBound - 1) return "a member runs past its object";
-        break;
-    }
-    case Kind::array: {
+        return after > range.upperBound - 1 ? "a member runs past its object" : "";
+    case Kind::array:
         if (first != '[' || last != ']') return "an array's range is not its brackets";
-        std::size_t after = range.lowerBound + 1;
         for (const auto& element : node.elements()) {
             if (element.range().lowerBound < after) return "array elements overlap or are out of order";
             if (std::string error = brokenInvariant(bytes, element); !error.empty()) return error;
             after = element.range().upperBound;
         }
-        if (after > range.upperBound - 1) return "an element runs past its array";
-        break;
-    }
+        return after > range.upperBound - 1 ? "an element runs past its array" : "";
     case Kind::string:
         if (first != '"' || last != '"' || range.size() < 2) return "a string's range is not its quotes";
-        if (!utf8::isWellFormed(node.string())) return "a decoded string is not well-formed UTF-8";
-        break;
+        return utf8::isWellFormed(node.string()) ? "" : "a decoded string is not well-formed UTF-8";
     case Kind::scalar:
-        for (std::size_t i = range.lowerBound; i < range.upperBound; ++i) {
-            char c = bytes[i];
-            bool alnum = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-            if (!alnum && c != '+' && c != '-' && c != '.') return "a scalar holds a byte outside its run";
-        }
-        break;
+        for (unsigned char c : bytes.substr(range.lowerBound, range.size()))
+            if (!std::isalnum(c) && c != '+' && c != '-' && c != '.') return "a scalar holds a byte outside its run";
     }
     return {};
 }
@@ -79,8 +66,7 @@ inline std::string brokenInvariant(const JSONCDocument& document) {
 
 // Every distinct path that names a member, through objects only, in text
 // order; at most `limit` of them.
-inline std::vector<JSONCDocument::Path> memberPaths(const JSONCDocument& document,
-                                                     std::size_t limit = SIZE_MAX) {
+inline std::vector<JSONCDocument::Path> memberPaths(const JSONCDocument& document, std::size_t limit = SIZE_MAX) {
     std::vector<JSONCDocument::Path> paths;
     std::set<JSONCDocument::Path> seen;
     JSONCDocument::Path path;
@@ -97,66 +83,33 @@ inline std::vector<JSONCDocument::Path> memberPaths(const JSONCDocument& documen
     return paths;
 }
 
-inline std::string deleting(std::string_view text, std::vector<Range> ranges) {
-    std::sort(ranges.begin(), ranges.end(),
-              [](const Range& a, const Range& b) { return a.lowerBound < b.lowerBound; });
-    std::vector<bool> gone(text.size(), false);
-    for (const Range& range : ranges)
-        for (std::size_t i = range.lowerBound; i < range.upperBound; ++i) gone[i] = true;
-    std::string kept;
-    for (std::size_t i = 0; i < text.size(); ++i)
-        if (!gone[i]) kept += text[i];
-    return kept;
-}
-
-// The ranges removing the member at the path deletes, by the rules: the key
-// to the member's comma (or value), the comma before a last member written
-// without one, whole lines when nothing but blanks shares them.
-inline std::vector<Range> expectedRemovalRanges(const JSONCDocument& document,
-                                                const JSONCDocument::Path& path) {
-    auto found = document.member(path);
-    std::string_view bytes = document.bytes();
-    const auto& member = found->member();
-    std::vector<Range> ranges;
-    std::size_t start = member.keyStart();
-    std::size_t end = member.comma() ? *member.comma() + 1 : member.value().range().upperBound;
-    if (!member.comma() && found->index > 0) {
-        std::size_t comma = *found->siblings[found->index - 1].comma();
-        ranges.push_back({comma, comma + 1});
-    }
-    auto blank = [&](std::size_t i) { return bytes[i] == ' ' || bytes[i] == '\t' || bytes[i] == '\r'; };
-    std::size_t before = start;
-    while (before > 0 && blank(before - 1)) --before;
-    std::size_t after = end;
-    while (after < bytes.size() && blank(after)) ++after;
-    bool lineBefore = before == 0 || bytes[before - 1] == '\n';
-    bool lineAfter = after == bytes.size() || bytes[after] == '\n';
-    if (lineBefore && lineAfter) {
-        start = before;
-        end = after == bytes.size() ? after : after + 1;
-    }
-    ranges.push_back({start, end});
-    return ranges;
-}
-
 // What removingMember must give: each member the path names removed in turn,
-// the last duplicate first, until the path no longer resolves.
+// the last duplicate first, until the path no longer resolves. Removing one
+// deletes from its key to its comma (or value), and the comma before a last
+// member written without one; whole lines go when nothing but blanks shares them.
 inline std::optional<std::string> expectedRemoval(std::string text, const JSONCDocument::Path& path) {
     auto document = JSONCDocument::parse(text);
     if (!document || !document->member(path)) return std::nullopt;
-    while (document->member(path)) {
-        text = deleting(text, expectedRemovalRanges(*document, path));
-        document = JSONCDocument::parse(text);
-        if (!document) return std::nullopt;
+    while (auto found = document->member(path)) {
+        const auto& member = found->member();
+        std::size_t start = member.keyStart(), end = member.comma() ? *member.comma() + 1 : member.value().range().upperBound;
+        std::optional<std::size_t> comma;
+        if (!member.comma() && found->index > 0) comma = *found->siblings[found->index - 1].comma();
+        auto blank = [&](std::size_t i) { return text[i] == ' ' || text[i] == '\t' || text[i] == '\r'; };
+        std::size_t before = start, after = end;
+        while (before > 0 && blank(before - 1)) --before;
+        while (after < text.size() && blank(after)) ++after;
+        if ((before == 0 || text[before - 1] == '\n') && (after == text.size() || text[after] == '\n'))
+            start = before, end = std::min(after + 1, text.size());
+        text.erase(start, end - start);
+        if (comma) text.erase(*comma, 1);  // before the member's line
+        if (!(document = JSONCDocument::parse(text))) return std::nullopt;
     }
     return text;
 }
 
 inline std::string splicing(std::string_view text, Range range, std::string_view with) {
-    std::string spliced(text.substr(0, range.lowerBound));
-    spliced += with;
-    spliced += text.substr(range.upperBound);
-    return spliced;
+    return std::string(text.substr(0, range.lowerBound)).append(with).append(text.substr(range.upperBound));
 }
 
 }  // namespace jsonccheck

@@ -30,10 +30,7 @@ struct Model {
 
 class DocumentGenerator {
 public:
-    explicit DocumentGenerator(std::uint64_t seed) : random_(seed) {
-        newline_ = chance(30) ? "\r\n" : "\n";
-        maxDepth_ = 1 + static_cast<int>(below(5));
-    }
+    explicit DocumentGenerator(std::uint64_t seed) : random_(seed) {}
 
     std::string document(Model& root) {
         std::string text;
@@ -62,11 +59,7 @@ public:
 private:
     bool chance(int percent) { return below(100) < static_cast<std::size_t>(percent); }
     std::size_t below(std::size_t n) { return random_() % n; }
-    template <class... T>
-    std::string pick(T... choices) {
-        std::string all[] = {choices...};
-        return all[below(sizeof...(T))];
-    }
+    std::string pick(auto... choices) { std::string all[] = {choices...}; return all[below(sizeof...(choices))]; }
     // Comments hold whatever bytes the user typed, UTF-8 or not.
     std::string word() { return pick("note", "TODO", "x", "é", "r\xE9sum\xE9", "servers", "*", "/"); }
     std::string indent(int depth) { return std::string(2 * depth, ' '); }
@@ -79,8 +72,7 @@ private:
         case 2: return " // " + word() + newline_ + indent(depth);
         case 3: return "/*" + newline_ + word() + "*/";
         case 4: return "\t";
-        case 5:
-        case 6: return " ";
+        case 5: case 6: return " ";
         default: return "";
         }
     }
@@ -179,8 +171,8 @@ private:
     }
 
     std::mt19937_64 random_;
-    std::string newline_;
-    int maxDepth_;
+    std::string newline_ = chance(30) ? "\r\n" : "\n";
+    int maxDepth_ = 1 + static_cast<int>(below(5));
 };
 
 void expectMatches(const JSONCDocument& document, const JSONCDocument::Node& node, const Model& model) {

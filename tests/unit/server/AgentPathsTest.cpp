@@ -7,15 +7,9 @@ using server::AgentPaths;
 TEST(ResolvingAgentPaths, RelativeHomeAbsoluteAndOtherUsers) {
     const AgentPaths paths("/work/folder", std::string("/home/me"));
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"media/clip.mov", "/work/folder/media/clip.mov"},
-        {"~/Movies/clip.mov", "/home/me/Movies/clip.mov"},
-        {"~", "/home/me"},
-        {"/tmp/../tmp/clip.mov", "/tmp/clip.mov"},
-        {"./a/./b/../c.mp4", "/work/folder/a/c.mp4"},
-        {"../up.mp4", "/work/up.mp4"},
-        {"/Users/me/Trip.vantoric/", "/Users/me/Trip.vantoric"},
-        {"a~b", "/work/folder/a~b"},
-        {"~root/x", "/root/x"},
+        {"media/clip.mov", "/work/folder/media/clip.mov"}, {"~/Movies/clip.mov", "/home/me/Movies/clip.mov"}, {"~", "/home/me"},
+        {"/tmp/../tmp/clip.mov", "/tmp/clip.mov"}, {"./a/./b/../c.mp4", "/work/folder/a/c.mp4"}, {"../up.mp4", "/work/up.mp4"},
+        {"/Users/me/Trip.vantoric/", "/Users/me/Trip.vantoric"}, {"a~b", "/work/folder/a~b"}, {"~root/x", "/root/x"},
         {"~no-such-user-here/x", "/work/folder/~no-such-user-here/x"},
     };
     for (const auto& [given, resolved] : cases) EXPECT_EQ(paths.resolve(given), resolved) << given;

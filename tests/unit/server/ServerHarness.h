@@ -1,16 +1,11 @@
-// The server's unit-test harness: a bridge on an io_context of the test's
-// own, with an output that keeps every line, fake bundles and platform
-// services, and the catalog the simulator's bundles ship. Lines handed over
-// together are received in one turn of the strand, as the input loop does
-// with the lines of one read; then the context runs until every task ends.
-//
-// BridgeHarness has no Studio: none runs and none can be started, so
-// whatever needs the link fails at once with the launch failure, and nothing
-// of this machine is touched. StudioHarness gives the bridge a live link to
-// a Studio played by FakeHttp: tool calls are answered by the test's
-// function and recorded, uploads kept with their bytes, downloads served from
-// what the test offered; its working directory and home folder are
-// temporary folders of its own.
+// The server's unit-test harness. BridgeHarness: a bridge on the test's own
+// io_context, fake bundles and platform services, every line written kept,
+// and no Studio, so that whatever needs the link fails at once with the
+// launch failure. Lines handed over together are received in one turn of the
+// strand, as the input loop does with the lines of one read. StudioHarness
+// adds a live link to a Studio played by FakeHttp: tool calls answered by the
+// test's function and recorded, downloads served from what the test offered,
+// in temporary working and home folders.
 #pragma once
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -63,8 +58,7 @@ public:
         bridge = StudioMCPBridge::create(context.get_executor(), std::move(setup));
     }
 
-    // The link's connections close, and the blocking pool's jobs, which
-    // answer to this context, end before it goes.
+    // The blocking pool's jobs answer to this context: they end before it goes.
     ~BridgeHarness() {
         if (bridge) drain();
         blocking::settle();
@@ -72,22 +66,13 @@ public:
 
     // Receives the lines in one turn of the strand and runs every task.
     void receive(const std::vector<std::string>& lines) {
-        boost::asio::post(bridge->strand(), [&] {
-            for (const auto& line : lines) bridge->receive(line);
-        });
+        boost::asio::post(bridge->strand(), [&] { for (const auto& line : lines) bridge->receive(line); });
         run();
     }
     void receive(const std::string& line) { receive(std::vector<std::string>{line}); }
 
-    void drain() {
-        boost::asio::co_spawn(bridge->strand(), bridge->drain(), boost::asio::detached);
-        run();
-    }
-
-    void run() {
-        context.restart();
-        context.run();
-    }
+    void drain() { boost::asio::co_spawn(bridge->strand(), bridge->drain(), boost::asio::detached); run(); }
+    void run() { context.restart(); context.run(); }
 
     // Every line written so far, parsed; each must be one JSON object ending
     // in exactly one line feed.
@@ -101,8 +86,7 @@ public:
         }
         return out;
     }
-    // The one reply written, or a failure.
-    Json reply() const {
+    Json reply() const {  // the one reply written
         auto all = replies();
         EXPECT_EQ(all.size(), 1u);
         return all.empty() ? Json() : all.front();
@@ -131,23 +115,17 @@ inline std::string toolCall(const Json& id, const std::string& tool, const Json&
 }
 
 inline std::string cancelled(const Json& requestId) {
-    return Json{{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", {{"requestId", requestId}}}}
-        .dump();
+    return Json{{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", {{"requestId", requestId}}}}.dump();
 }
 
-// The text of a tool result's one content item.
-inline std::string toolText(const Json& reply) {
-    return reply.at("result").at("content").at(0).at("text").get<std::string>();
-}
+inline std::string toolText(const Json& reply) { return reply.at("result").at("content").at(0).at("text").get<std::string>(); }
 
-// A tool result carrying the payload, as Studio writes it.
-inline Json studioResult(const Json& payload) {
-    return Json{{"content", Json::array({Json{{"type", "text"}, {"text", payload.dump()}}})}, {"isError", false}};
+// Tool results as Studio writes them: a payload, or a refusal.
+inline Json studioText(const std::string& text, bool isError) {
+    return Json{{"content", Json::array({Json{{"type", "text"}, {"text", text}}})}, {"isError", isError}};
 }
-
-inline Json studioRefusal(const std::string& message) {
-    return Json{{"content", Json::array({Json{{"type", "text"}, {"text", message}}})}, {"isError", true}};
-}
+inline Json studioResult(const Json& payload) { return studioText(payload.dump(), false); }
+inline Json studioRefusal(const std::string& message) { return studioText(message, true); }
 
 inline BridgeTiming shortTiming() {
     BridgeTiming timing;
@@ -156,12 +134,8 @@ inline BridgeTiming shortTiming() {
     return timing;
 }
 
-// Made before the bridge that works in them.
-struct TestFolders {
-    TestFolders() {
-        std::filesystem::create_directories(work());
-        std::filesystem::create_directories(home());
-    }
+struct TestFolders {  // made before the bridge that works in them
+    TestFolders() { std::filesystem::create_directories(work()); std::filesystem::create_directories(home()); }
     std::filesystem::path work() const { return dir.path() / "work"; }
     std::filesystem::path home() const { return dir.path() / "home"; }
     TempDir dir;
@@ -174,31 +148,14 @@ public:
                         Link{*URL::parse(base() + "/mcp"), *URL::parse(base()), "t0k3n", nullptr}) {
         setHandler([this](const FakeHttp::Request& request) { return serve(request); });
     }
-    // The bridge's connections close before the server goes away.
-    ~StudioHarness() {
-        drain();
-        bridge.reset();
-    }
+    ~StudioHarness() { drain(); bridge.reset(); }  // the bridge's connections close before the server goes
 
-    // Answers Studio gives to tool calls: the params of the call in, a tool
-    // result out. Called on the server's threads.
-    void onCall(std::function<Json(const Json& params)> answer) {
-        std::lock_guard lock(mutex_);
-        answer_ = std::move(answer);
-    }
+    // Studio's answer to a tool call's params, called on the server's threads.
+    void onCall(std::function<Json(const Json& params)> answer) { std::lock_guard lock(mutex_); answer_ = std::move(answer); }
     // The params ({"name", "arguments"}) of every tools/call Studio received.
-    std::vector<Json> calls() const {
-        std::lock_guard lock(mutex_);
-        return calls_;
-    }
-    std::vector<std::string> downloads() const {
-        std::lock_guard lock(mutex_);
-        return downloads_;
-    }
-    void offerDownload(const std::string& id, std::string bytes) {
-        std::lock_guard lock(mutex_);
-        offered_[id] = std::move(bytes);
-    }
+    std::vector<Json> calls() const { std::lock_guard lock(mutex_); return calls_; }
+    std::vector<std::string> downloads() const { std::lock_guard lock(mutex_); return downloads_; }
+    void offerDownload(const std::string& id, std::string bytes) { std::lock_guard lock(mutex_); offered_[id] = std::move(bytes); }
 
     // Runs the call to its end; its reply.
     Json call(int id, const std::string& tool, const Json& arguments) {
@@ -209,10 +166,7 @@ public:
         return all.empty() ? Json() : all.back();
     }
 
-    // A file under the working directory.
-    std::filesystem::path file(const std::string& relative, const std::string& contents = "bytes") {
-        return dir.write("work/" + relative, contents);
-    }
+    std::filesystem::path file(const std::string& relative, const std::string& contents) { return dir.write("work/" + relative, contents); }
 
     // How long Studio takes to answer each tool call; set before calls.
     std::chrono::milliseconds callDelay{0};

@@ -50,34 +50,25 @@ TEST(NamingTheAgent, TitleThenNameAndEmptyKeepsTheOld) {
     EXPECT_EQ(name({{"name", "claude-code"}, {"title", "Claude Code"}}), "Claude Code");
     EXPECT_EQ(name({{"name", "codex"}}), "codex");
     EXPECT_EQ(name({{"name", "codex"}, {"title", 3}}), "codex");
-    EXPECT_EQ(name({{"name", "codex"}, {"title", ""}}), std::nullopt);
-    EXPECT_EQ(name({{"name", ""}}), std::nullopt);
-    EXPECT_EQ(name("claude"), std::nullopt);
+    for (const Json& none : {Json{{"name", "codex"}, {"title", ""}}, Json{{"name", ""}}, Json("claude")})
+        EXPECT_EQ(name(none), std::nullopt) << none.dump();
     EXPECT_EQ(SessionSetup::clientNameIn(Json::object()), std::nullopt);
 }
 
-TEST(WithoutStudio, CompleteAnswerWithTheNotFoundInstructions) {
+TEST(WithoutStudio, CompleteAnswerWithVersionZeroOrTheNotFoundInstructions) {
     auto result = initialize({{"protocolVersion", "2025-03-26"}}, std::nullopt, std::nullopt);
     EXPECT_EQ(result["protocolVersion"], "2025-03-26");
     EXPECT_EQ(result["serverInfo"], Json::parse(R"({"name":"vantoric-studio","title":"Vantoric Studio","version":"0"})"));
     EXPECT_EQ(result["instructions"], notFound);
-}
-
-TEST(WithoutStudio, VersionIsZeroWhenTheBundleCannotTellIt) {
-    EXPECT_EQ(initialize({}, studioCatalog(), "/Applications/Missing.app")["serverInfo"]["version"], "0");
-    EXPECT_EQ(initialize({}, studioCatalog(), "/Applications/Unversioned.app")["serverInfo"]["version"], "0");
-}
-
-TEST(WithoutStudio, CatalogWithoutInstructionsStringGivesTheNotFoundText) {
-    for (std::string catalog : {R"([{"instructions":"x"}])", R"({"instructions":5})", "not json", R"({"tools":[]})"})
+    // The bundle cannot tell its version.
+    for (const char* app : {"/Applications/Missing.app", "/Applications/Unversioned.app"})
+        EXPECT_EQ(initialize({}, studioCatalog(), app)["serverInfo"]["version"], "0") << app;
+    // Only a top-level instructions string counts, and the last one wins.
+    for (std::string catalog : {R"([{"instructions":"x"}])", R"({"instructions":5})", "not json", R"({"tools":[]})",
+                                R"({"tools":[{"instructions":"nested"}]})", R"({"instructions":"first","instructions":5})",
+                                R"({"instructions":"fine"} trailing)"})
         EXPECT_EQ(initialize({}, catalog)["instructions"], notFound) << catalog;
-}
-
-TEST(WithoutStudio, OnlyTheTopLevelInstructionsCountAndTheLastOneWins) {
-    EXPECT_EQ(initialize({}, R"({"tools":[{"instructions":"nested"}]})")["instructions"], notFound);
-    EXPECT_EQ(initialize({}, R"({"instructions":"first","instructions":5})")["instructions"], notFound);
     EXPECT_EQ(initialize({}, R"({"instructions":{"a":"b"},"instructions":"last"})")["instructions"], "last");
-    EXPECT_EQ(initialize({}, R"({"instructions":"fine"} trailing)")["instructions"], notFound);
 }
 
 TEST(SubjectBuild, NameTitleAndAdaptedInstructions) {

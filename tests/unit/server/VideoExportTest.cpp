@@ -1,7 +1,5 @@
 // Video export: the destination remembered, the bounded wait for a started
 // export, the copy of a completed one, and what the agent is told.
-#include <sys/stat.h>
-
 #include "ServerHarness.h"
 #include "server/VideoExport.h"
 
@@ -31,30 +29,35 @@ void answerExport(StudioHarness& studio, Json start, Json status) {
     });
 }
 
-unsigned modeOf(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(stat(path.c_str(), &info), 0);
-    return info.st_mode & 0777;
-}
-
 }  // namespace
 
-TEST(StartingExports, PathMustBeAnMp4ThatIsNotThereUnlessOverwriting) {
+TEST(ExportPaths, AnMp4ResolvedAndNotThereUnlessOverwritingBeforeStudioIsAskedAndNeverPassedOn) {
     StudioHarness studio;
     answerExport(studio, queued, failed);
-    for (std::string path : {"out.mov", "out.MOV", "out", "renders/mp4"})
-        EXPECT_EQ(toolText(studio.call(1, "export_video", {{"path", path}})), "path must end in .mp4.") << path;
+    for (std::string action : {"start", "status"})
+        for (std::string path : {"out.mov", "out.MOV", "out", "renders/mp4"})
+            EXPECT_EQ(toolText(studio.call(1, "export_video", {{"action", action}, {"path", path}})), "path must end in .mp4.") << path;
     studio.file("taken.mp4", "old");
     fs::create_directories(studio.work() / "folder.mp4");
     for (std::string taken : {"taken.mp4", "folder.mp4"})
         EXPECT_EQ(toolText(studio.call(1, "export_video", {{"action", "start"}, {"path", taken}, {"overwrite", "yes"}})),
-                  (studio.work() / taken).string() +
-                      " already exists. Pass overwrite:true to replace it, or choose another path.");
+                  (studio.work() / taken).string() + " already exists. Pass overwrite:true to replace it, or choose another path.");
     EXPECT_TRUE(studio.calls().empty());
-
     studio.call(2, "export_video", {{"path", "taken.mp4"}, {"overwrite", true}});
     studio.call(3, "export_video", {{"path", "sub/../Out.MP4"}});
     EXPECT_EQ(studio.calls().front()["arguments"], Json({{"action", "start"}}));
+
+    // A status copies over an existing file only when asked to.
+    answerExport(studio, queued, completed);
+    studio.offerDownload("dl-1", "new");
+    studio.file("out.MP4", "old");
+    auto reply = studio.call(4, "export_video", {{"action", "status"}, {"path", "renders/../out.MP4"}, {"overwrite", "yes"}});
+    EXPECT_EQ(toolText(reply), (studio.work() / "out.MP4").string() + " already exists.");
+    EXPECT_EQ(readFile(studio.work() / "out.MP4"), "old");
+    EXPECT_EQ(studio.calls().back()["arguments"], Json({{"action", "status"}}));
+    studio.call(5, "export_video", {{"action", "status"}, {"path", "out.MP4"}, {"overwrite", true}});
+    EXPECT_EQ(readFile(studio.work() / "out.MP4"), "new");
+    EXPECT_EQ(fs::status(studio.work() / "out.MP4").permissions(), fs::perms(0644));
 }
 
 TEST(StartingExports, OnlyTheActionAndTheLabelChoiceReachStudio) {
@@ -121,28 +124,6 @@ TEST(StartingExports, StudiosRefusalIsReturnedAsItCameAndTheDestinationIsKeptUnt
     EXPECT_EQ(payloadOf(reply), expected);
     EXPECT_FALSE(fs::exists(studio.work() / "later.mp4"));
     EXPECT_EQ(studio.downloads().size(), 2u);
-}
-
-TEST(ExportStatus, PathIsAnMp4ResolvedBeforeStudioIsAskedAndReplacedOnlyWhenAsked) {
-    StudioHarness studio;
-    answerExport(studio, queued, completed);
-    studio.offerDownload("dl-1", "new");
-    for (std::string path : {"out.mov", "out.MOV", "out", "/tmp/mp4"})
-        EXPECT_EQ(toolText(studio.call(1, "export_video", {{"action", "status"}, {"path", path}})),
-                  "path must end in .mp4.")
-            << path;
-    EXPECT_TRUE(studio.calls().empty());
-
-    studio.file("out.MP4", "old");
-    auto reply = studio.call(2, "export_video", {{"action", "status"}, {"path", "renders/../out.MP4"}, {"overwrite", "yes"}});
-    EXPECT_EQ(toolText(reply), (studio.work() / "out.MP4").string() + " already exists.");
-    EXPECT_EQ(readFile(studio.work() / "out.MP4"), "old");
-    // Path and overwrite never reach Studio.
-    EXPECT_EQ(studio.calls().back()["arguments"], Json({{"action", "status"}}));
-
-    studio.call(3, "export_video", {{"action", "status"}, {"path", "out.MP4"}, {"overwrite", true}});
-    EXPECT_EQ(readFile(studio.work() / "out.MP4"), "new");
-    EXPECT_EQ(modeOf(studio.work() / "out.MP4"), 0644u);
 }
 
 TEST(ExportSettling, SettledPhasesWithoutALevelEndTheWait) {
