@@ -41,10 +41,7 @@ public:
     using Closed = std::array<bool, 2>;
     MemoryStream(boost::beast::test::stream stream, std::shared_ptr<Closed> closed, int side)
         : stream_(std::move(stream)), closed_(std::move(closed)), side_(side) {}
-    ~MemoryStream() override {
-        (*closed_)[side_] = true;
-        *expired_ = true;
-    }
+    ~MemoryStream() override { (*closed_)[side_] = *expired_ = true; }
 
     // The two ends; the first fails as `fails` says.
     static std::pair<std::unique_ptr<MemoryStream>, std::unique_ptr<MemoryStream>> pair(
@@ -100,12 +97,8 @@ protected:
             std::move(done)(*expired ? error_code(boost::beast::error::timeout) : ec, n);
         };
     }
-    void readSome(asio::mutable_buffer into, Completion done) override {
-        stream_.async_read_some(into, timed(std::move(done)));
-    }
-    void writeSome(const Gathered& from, Completion done) override {
-        stream_.async_write_some(from, timed(std::move(done)));
-    }
+    void readSome(asio::mutable_buffer into, Completion done) override { stream_.async_read_some(into, timed(std::move(done))); }
+    void writeSome(const Gathered& from, Completion done) override { stream_.async_write_some(from, timed(std::move(done))); }
 
 private:
     boost::beast::test::stream stream_;
