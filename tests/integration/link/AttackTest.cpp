@@ -14,7 +14,6 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <future>
 #include <thread>
 
 #include "support/LinkSession.h"
@@ -37,37 +36,6 @@ sd_bus* openBus(const std::string& address) {
     const char* unique;  // waits for the greeting, so that what follows reaches the daemon
     sd_bus_get_unique_name(bus, &unique);
     return bus;
-}
-
-void postAnnouncement(sd_bus* bus, const std::string& object) {
-    sd_bus_emit_signal(bus, "/com/lumenfold/DistributedNotification", "com.lumenfold.DistributedNotification",
-                       "Posted", "ss", "com.lumenfold.vantoric.studio.agent-link", object.c_str());
-    sd_bus_flush(bus);
-}
-
-// The port of the next announcement on the bus (0 when none comes).
-std::future<int> nextAnnouncedPort(const std::string& address) {
-    auto ready = std::make_shared<std::promise<void>>();
-    auto listening = ready->get_future();
-    auto port = std::async(std::launch::async, [address, ready]() -> int {
-        sd_bus* bus = openBus(address);
-        int found = 0;
-        auto heard = [](sd_bus_message* m, void* data, sd_bus_error*) {
-            const char *name = nullptr, *object = nullptr;
-            if (sd_bus_message_read(m, "ss", &name, &object) >= 0 && !*static_cast<int*>(data))
-                *static_cast<int*>(data) = std::atoi(object + 5);  // "port=<n>&..."
-            return 0;
-        };
-        sd_bus_match_signal(bus, nullptr, nullptr, "/com/lumenfold/DistributedNotification",
-                            "com.lumenfold.DistributedNotification", "Posted", heard, &found);
-        ready->set_value();
-        for (auto deadline = std::chrono::steady_clock::now() + 20s; !found && std::chrono::steady_clock::now() < deadline;)
-            if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 20'000);
-        sd_bus_flush_close_unref(bus);
-        return found;
-    });
-    listening.wait();
-    return port;
 }
 
 sockaddr_in loopback(uint16_t port) {
@@ -95,27 +63,36 @@ protected:
         return answer && answer->contains("result") && !(*answer)["result"].value("isError", false);
     }
     // The bridge started and asking for Studio, which it launches since none
-    // runs: the port it announced (0 when none).
+    // runs: the port of its announcement on the bus (0 when none comes).
     static int handOverUnderWay(LinkSession& session) {
         session.startBridge();
-        auto port = nextAnnouncedPort(session.busAddress());
+        sd_bus* bus = openBus(session.busAddress());
+        int port = 0;
+        auto posted = [](sd_bus_message* m, void* port, sd_bus_error*) {
+            const char *name = nullptr, *object = nullptr;
+            if (sd_bus_message_read(m, "ss", &name, &object) >= 0 && !*static_cast<int*>(port))
+                *static_cast<int*>(port) = std::atoi(object + 5);  // "port=<n>&..."
+            return 0;
+        };
+        sd_bus_match_signal(bus, nullptr, nullptr, "/com/lumenfold/DistributedNotification",
+                            "com.lumenfold.DistributedNotification", "Posted", posted, &port);
         session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
                       {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
-        return port.get();
+        for (auto deadline = std::chrono::steady_clock::now() + 20s; !port && std::chrono::steady_clock::now() < deadline;)
+            if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 20'000);
+        sd_bus_flush_close_unref(bus);
+        return port;
     }
 };
 
 // An attacker that lends its connection to a genuine Studio executable: it
 // forks, the child execs the bundle's executable and is stopped before it
-// runs a single instruction of its own, and the attacker connects.
-enum class Holder { TracedAtExec, StoppedAfterExec };
-// What the Studio executable holds: the very socket the attacker connects,
-// or a socket of the other family with the same two port numbers.
-enum class Lent { SameSocket, Ipv6SamePorts };
+// runs a single instruction of its own (traced from its exec, or stopped
+// once past it), and the attacker connects.
 struct Attacker {
-    Holder holder;
-    Lent lent;
-    bool foreignUser;  // the attacker and its Studio run as nobody
+    bool stoppedAfterExec;
+    bool ipv6SamePorts;  // Studio holds not the attacker's socket but one over IPv6 with the same ports
+    bool foreignUser;    // the attacker and its Studio run as nobody
 };
 
 // In the forked attacker: system calls only, nothing allocated. The bytes
@@ -130,14 +107,10 @@ int lendAndConnect(const Attacker& a, uint16_t port, char* const* argv, char* co
     if (bind(v4, reinterpret_cast<sockaddr*>(&own), sizeof own) != 0 ||
         getsockname(v4, reinterpret_cast<sockaddr*>(&own), &length) != 0)
         return -2;
-    if (a.lent == Lent::Ipv6SamePorts) {
+    if (a.ipv6SamePorts) {
         // [::1]:<our port> -> [::1]:<the bridge's port>: the bridge listens on
         // IPv4 only, so the attacker can listen there itself.
-        sockaddr_in6 there{}, here{};
-        there.sin6_family = here.sin6_family = AF_INET6;
-        there.sin6_addr = here.sin6_addr = in6addr_loopback;
-        there.sin6_port = htons(port);
-        here.sin6_port = own.sin_port;
+        sockaddr_in6 there{AF_INET6, htons(port), 0, in6addr_loopback, 0}, here{AF_INET6, own.sin_port, 0, in6addr_loopback, 0};
         int listener = socket(AF_INET6, SOCK_STREAM, 0), v6 = socket(AF_INET6, SOCK_STREAM, 0);
         if (bind(listener, reinterpret_cast<sockaddr*>(&there), sizeof there) != 0 || listen(listener, 1) != 0 ||
             bind(v6, reinterpret_cast<sockaddr*>(&here), sizeof here) != 0 ||
@@ -146,14 +119,14 @@ int lendAndConnect(const Attacker& a, uint16_t port, char* const* argv, char* co
     }
     pid_t studio = fork();
     if (studio == 0) {
-        if (a.lent == Lent::Ipv6SamePorts) close(v4);
+        if (a.ipv6SamePorts) close(v4);
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         execve(argv[0], argv, envp);
         _exit(127);
     }
     int status = 0;
     if (studio < 0 || waitpid(studio, &status, 0) != studio || !WIFSTOPPED(status)) return -4;
-    if (a.holder == Holder::StoppedAfterExec) {
+    if (a.stoppedAfterExec) {
         if (ptrace(PTRACE_DETACH, studio, nullptr, reinterpret_cast<void*>(static_cast<long>(SIGSTOP))) != 0) return -5;
         waitpid(studio, &status, WUNTRACED);
     }
@@ -198,15 +171,11 @@ TEST_F(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
         bool studioRunsPaused;
     };
     const Case cases[] = {
-        {"a Studio executable traced from its exec holds the socket too", {Holder::TracedAtExec, Lent::SameSocket, false},
-         false},
-        {"a stopped Studio executable holds the socket too", {Holder::StoppedAfterExec, Lent::SameSocket, false},
-         false},
-        {"the same, while the real Studio runs paused", {Holder::StoppedAfterExec, Lent::SameSocket, false}, true},
-        {"a Studio executable holds the same ports over IPv6", {Holder::TracedAtExec, Lent::Ipv6SamePorts, false},
-         false},
-        {"another user's Studio executable holds the socket too", {Holder::TracedAtExec, Lent::SameSocket, true},
-         false},
+        {"a Studio executable traced from its exec holds the socket too", {false, false, false}, false},
+        {"a stopped Studio executable holds the socket too", {true, false, false}, false},
+        {"the same, while the real Studio runs paused", {true, false, false}, true},
+        {"a Studio executable holds the same ports over IPv6", {false, true, false}, false},
+        {"another user's Studio executable holds the socket too", {false, false, true}, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -287,7 +256,9 @@ TEST_F(HandoverAttack, SpoofedAnnouncementWhileStudioStartsCostsOneRoundNotTheLi
         std::string spoof = "port=" + std::to_string(announced) + "&challenge=" + std::string(64, '0') + "&client=spoof";
         for (auto until = std::chrono::steady_clock::now() + 10s;
              std::chrono::steady_clock::now() < until && session.studioEvents("greeting").empty();) {
-            postAnnouncement(bus, spoof);
+            sd_bus_emit_signal(bus, "/com/lumenfold/DistributedNotification", "com.lumenfold.DistributedNotification",
+                               "Posted", "ss", "com.lumenfold.vantoric.studio.agent-link", spoof.c_str());
+            sd_bus_flush(bus);
             std::this_thread::sleep_for(5ms);
         }
         sd_bus_flush_close_unref(bus);

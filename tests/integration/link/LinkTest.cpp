@@ -3,9 +3,6 @@
 // a private session bus. How the hand-over and the exchanges behave in every
 // other respect is proven in memory by the link's unit tests.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <thread>
 
@@ -90,20 +87,13 @@ TEST_F(Link, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
     }
 }
 
+// A call waits for the bus, never the pings meanwhile.
 TEST_F(Link, UnreachableOrSilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
     for (bool silent : {false, true}) {
         LinkSession session;
         fs::path socketPath = session.home() / "bus";
-        // A socket that accepts (the kernel does, from the backlog) and never
-        // says a word, or none at all.
-        int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (silent) {
-            sockaddr_un address{};
-            address.sun_family = AF_UNIX;
-            std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
-            ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-            listen(listener, 8);
-        }
+        std::optional<SilentSocket> bus;
+        if (silent) bus.emplace(socketPath);
         session.environment()["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + socketPath.string();
         session.startBridge();
         auto start = std::chrono::steady_clock::now();
@@ -116,6 +106,5 @@ TEST_F(Link, UnreachableOrSilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
         EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
         EXPECT_TRUE(isError((*answer)["result"]));
         EXPECT_NE(LinkSession::text((*answer)["result"]).find("DBUS_SESSION_BUS_ADDRESS"), std::string::npos);
-        close(listener);
     }
 }

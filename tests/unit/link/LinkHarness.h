@@ -193,6 +193,17 @@ private:
 
 inline const std::string token(40, 'k');
 
+// What `f` throws ("" when it does not).
+template <class F>
+std::string thrown(F f) {
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
 struct Harness {
     Harness() { durations.httpTimeout = 5s; }
     ~Harness() {
@@ -248,12 +259,7 @@ struct Harness {
     // What the task throws ("" when it does not).
     template <class T>
     std::string failure(std::future<T>& future) {
-        try {
-            wait(future);
-        } catch (const std::exception& e) {
-            return e.what();
-        }
-        return "";
+        return thrown([&] { wait(future); });
     }
     template <class T>
     std::string failure(asio::awaitable<T> task) {
