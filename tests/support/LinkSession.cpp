@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -18,12 +19,6 @@ fs::path bridgeBinary() {
 #else
     return {};
 #endif
-}
-
-bool available() {
-    std::error_code ec;
-    return !bridgeBinary().empty() && fs::exists(bridgeBinary(), ec) &&
-           fs::exists(bundle() / "Contents/MacOS/Vantoric Studio", ec);
 }
 
 LinkSession::LinkSession(Settings settings)
@@ -110,13 +105,9 @@ void LinkSession::startBridge(std::filesystem::path workingDirectory) {
     writeStudioSettings();
     bridge_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
         .argv = {bridgeBinary().string()}, .environment = environment_, .workingDirectory = workingDirectory});
-    send({{"jsonrpc", "2.0"},
-          {"id", "init"},
-          {"method", "initialize"},
-          {"params",
-           {{"protocolVersion", "2025-06-18"},
-            {"capabilities", json::object()},
-            {"clientInfo", {{"name", "link-tests"}, {"version", "1"}}}}}});
+    send({{"jsonrpc", "2.0"}, {"id", "init"}, {"method", "initialize"},
+          {"params", {{"protocolVersion", "2025-06-18"}, {"capabilities", json::object()},
+                      {"clientInfo", {{"name", "link-tests"}, {"version", "1"}}}}}});
     if (!reply("init")) throw std::runtime_error("the bridge did not answer initialize: " + bridge_->stderrText());
     send({{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}});
 }
@@ -124,12 +115,11 @@ void LinkSession::startBridge(std::filesystem::path workingDirectory) {
 void LinkSession::send(const json& message) { bridge_->write(message.dump() + "\n"); }
 
 std::optional<json> LinkSession::reply(const json& id, std::chrono::milliseconds timeout) {
-    for (auto it = pending_.begin(); it != pending_.end(); ++it) {
-        if (it->contains("id") && (*it)["id"] == id) {
-            json found = *it;
-            pending_.erase(it);
-            return found;
-        }
+    auto kept = std::find_if(pending_.begin(), pending_.end(), [&](auto& m) { return m.contains("id") && m["id"] == id; });
+    if (kept != pending_.end()) {
+        json found = std::move(*kept);
+        pending_.erase(kept);
+        return found;
     }
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -152,15 +142,9 @@ json LinkSession::call(int id, const std::string& tool, const json& arguments) {
 }
 
 std::vector<json> LinkSession::takeNotifications() {
-    std::vector<json> taken;
-    for (auto it = pending_.begin(); it != pending_.end();) {
-        if (!it->contains("id")) {
-            taken.push_back(std::move(*it));
-            it = pending_.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    auto notifications = std::stable_partition(pending_.begin(), pending_.end(), [](auto& m) { return m.contains("id"); });
+    std::vector<json> taken(notifications, pending_.end());
+    pending_.erase(notifications, pending_.end());
     return taken;
 }
 

@@ -22,10 +22,9 @@ namespace testsupport {
 using json = Json;
 using namespace std::chrono_literals;
 
+// Both built in this tree.
 std::filesystem::path bundle();
 std::filesystem::path bridgeBinary();
-// Both built in this tree.
-bool available();
 
 class LinkSession {
 public:

@@ -54,36 +54,31 @@ ssize_t heard(int fd, int milliseconds) {
     return poll(&p, 1, milliseconds) == 1 ? recv(fd, buffer, sizeof buffer, 0) : -1;
 }
 
-class HandoverAttack : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!available()) GTEST_SKIP() << "needs the bridge binary and the simulator bundle";
-    }
-    static bool linked(const std::optional<json>& answer) {
-        return answer && answer->contains("result") && !(*answer)["result"].value("isError", false);
-    }
-    // The bridge started and asking for Studio, which it launches since none
-    // runs: the port of its announcement on the bus (0 when none comes).
-    static int handOverUnderWay(LinkSession& session) {
-        session.startBridge();
-        sd_bus* bus = openBus(session.busAddress());
-        int port = 0;
-        auto posted = [](sd_bus_message* m, void* port, sd_bus_error*) {
-            const char *name = nullptr, *object = nullptr;
-            if (sd_bus_message_read(m, "ss", &name, &object) >= 0 && !*static_cast<int*>(port))
-                *static_cast<int*>(port) = std::atoi(object + 5);  // "port=<n>&..."
-            return 0;
-        };
-        sd_bus_match_signal(bus, nullptr, nullptr, "/com/lumenfold/DistributedNotification",
-                            "com.lumenfold.DistributedNotification", "Posted", posted, &port);
-        session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
-                      {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
-        for (auto deadline = std::chrono::steady_clock::now() + 20s; !port && std::chrono::steady_clock::now() < deadline;)
-            if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 20'000);
-        sd_bus_flush_close_unref(bus);
-        return port;
-    }
-};
+bool linked(const std::optional<json>& answer) {
+    return answer && answer->contains("result") && !(*answer)["result"].value("isError", false);
+}
+
+// The bridge started and asking for Studio, which it launches since none
+// runs: the port of its announcement on the bus (0 when none comes).
+int handOverUnderWay(LinkSession& session) {
+    session.startBridge();
+    sd_bus* bus = openBus(session.busAddress());
+    int port = 0;
+    auto posted = [](sd_bus_message* m, void* port, sd_bus_error*) {
+        const char *name = nullptr, *object = nullptr;
+        if (sd_bus_message_read(m, "ss", &name, &object) >= 0 && !*static_cast<int*>(port))
+            *static_cast<int*>(port) = std::atoi(object + 5);  // "port=<n>&..."
+        return 0;
+    };
+    sd_bus_match_signal(bus, nullptr, nullptr, "/com/lumenfold/DistributedNotification",
+                        "com.lumenfold.DistributedNotification", "Posted", posted, &port);
+    session.send({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
+                  {"params", {{"name", "studio_status"}, {"arguments", json::object()}}}});
+    for (auto deadline = std::chrono::steady_clock::now() + 20s; !port && std::chrono::steady_clock::now() < deadline;)
+        if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 20'000);
+    sd_bus_flush_close_unref(bus);
+    return port;
+}
 
 // An attacker that lends its connection to a genuine Studio executable: it
 // forks, the child execs the bundle's executable and is stopped before it
@@ -164,7 +159,7 @@ int runAttacker(const Attacker& attacker, int port, const Environment& environme
 
 }  // namespace
 
-TEST_F(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
+TEST(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
     struct Case {
         const char* what;
         Attacker attacker;
@@ -203,7 +198,7 @@ TEST_F(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
     }
 }
 
-TEST_F(HandoverAttack, ConnectionsOfOtherProcessesGetNoByteEvenInABurstAndStudioStillLinks) {
+TEST(HandoverAttack, ConnectionsOfOtherProcessesGetNoByteEvenInABurstAndStudioStillLinks) {
     LinkSession session;
     int announced = handOverUnderWay(session);
     ASSERT_GT(announced, 0);
@@ -243,7 +238,7 @@ TEST_F(HandoverAttack, ConnectionsOfOtherProcessesGetNoByteEvenInABurstAndStudio
     EXPECT_LE(lines, static_cast<size_t>(seconds) + 3) << log.substr(0, 2000);
 }
 
-TEST_F(HandoverAttack, SpoofedAnnouncementWhileStudioStartsCostsOneRoundNotTheLink) {
+TEST(HandoverAttack, SpoofedAnnouncementWhileStudioStartsCostsOneRoundNotTheLink) {
     // Any client of the bus can post the notification with the bridge's port
     // and a challenge of its own. Studio, still starting, should hear the
     // spoofs first; a round where it was up in time for the bridge's own
@@ -273,7 +268,7 @@ TEST_F(HandoverAttack, SpoofedAnnouncementWhileStudioStartsCostsOneRoundNotTheLi
     }
 }
 
-TEST_F(HandoverAttack, StudioOfAnotherSessionNeitherBlocksTheLaunchNorIsLinked) {
+TEST(HandoverAttack, StudioOfAnotherSessionNeitherBlocksTheLaunchNorIsLinked) {
     LinkSession session(LinkSession::Settings{{"VSM_TEST_REPLY_TIMEOUT_MS", "5000"}});
     PrivateBus otherBus;
     TempDir otherHome;

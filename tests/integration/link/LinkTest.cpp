@@ -14,21 +14,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class Link : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!available()) GTEST_SKIP() << "needs the bridge binary and the simulator bundle";
-    }
-    static bool isError(const json& result) { return result.value("isError", false); }
-    static void ask(LinkSession& session, int id, const std::string& tool = "studio_status") {
-        session.send({{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"},
-                      {"params", {{"name", tool}, {"arguments", json::object()}}}});
-    }
-};
+bool isError(const json& result) { return result.value("isError", false); }
+void ask(LinkSession& session, int id, const std::string& tool = "studio_status") {
+    session.send({{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"},
+                  {"params", {{"name", tool}, {"arguments", json::object()}}}});
+}
 
 }  // namespace
 
-TEST_F(Link, StudioIsLaunchedInTheBackgroundOnlyWhenNoUsableCopyRuns) {
+TEST(Link, StudioIsLaunchedInTheBackgroundOnlyWhenNoUsableCopyRuns) {
     for (bool running : {false, true}) {
         LinkSession session(Settings{{"STUDIO_SIM_SLOW_TOOL", "timeline"}, {"STUDIO_SIM_SLOW_TOOL_MS", "3000"}});
         if (running) session.startStudio();
@@ -50,23 +44,7 @@ TEST_F(Link, StudioIsLaunchedInTheBackgroundOnlyWhenNoUsableCopyRuns) {
     }
 }
 
-TEST_F(Link, CopyFromAnotherFolderGivesTheAnotherCopyMessage) {
-    LinkSession session;
-    fs::path copy = session.home() / "Old" / "Vantoric Studio.app";
-    fs::create_directories(copy.parent_path());
-    fs::copy(bundle(), copy, fs::copy_options::recursive);
-    session.startStudio(copy);
-    session.startBridge();
-    auto result = session.call(1, "studio_status");
-    EXPECT_TRUE(isError(result));
-    EXPECT_EQ(LinkSession::text(result),
-              "Another copy of Vantoric Studio is running (" + copy.string() +
-                  ") and this agent's bridge cannot use it: it belongs to " + bundle().string() +
-                  ". Quit that copy so this one can start, or add the bridge inside the running copy (its Settings "
-                  "\u25B8 Agents).");
-}
-
-TEST_F(Link, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
+TEST(Link, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
     // While the reply is awaited, and at once, while the hand-over starts.
     for (bool waitForAsking : {true, false}) {
         LinkSession session(Settings{{"STUDIO_SIM_NEVER_ANSWER", "1"}});
@@ -88,7 +66,7 @@ TEST_F(Link, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
 }
 
 // A call waits for the bus, never the pings meanwhile.
-TEST_F(Link, UnreachableOrSilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
+TEST(Link, UnreachableOrSilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
     for (bool silent : {false, true}) {
         LinkSession session;
         fs::path socketPath = session.home() / "bus";

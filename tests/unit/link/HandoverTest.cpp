@@ -127,6 +127,8 @@ TEST(HandoverReply, OnlyLoopbackEndpointsAndALongTokenAreTaken) {
 // calls share one establishment however they wait for it.
 struct Establishing : Harness {
     Establishing() { running.set("com.lumenfold.vantoric.studio", {{7, fs::path("/Apps/Studio.app")}}); }
+    testsupport::FakeProcessSockets sockets;
+    testsupport::FakeCodeSigning signing;
     std::shared_ptr<StudioConnection> studio = connection(std::nullopt, onlyStudio());
 
     // Answers the n-th announcement: the port it names, greeted and answered.
@@ -197,6 +199,16 @@ TEST(Establishing, WhatKeepsItFromLinkingIsSaidAndTheNextCallStartsAfresh) {
         {"no bus", [](Establishing& h) { h.notifications.failure = platform::SystemError{ENOENT, "No session bus"}; },
          "No session bus. Vantoric Studio is asked for a link over the desktop session's bus: start the agent "
          "inside the desktop session, or set DBUS_SESSION_BUS_ADDRESS to its bus."},
+        {"a copy from elsewhere runs",
+         [](Establishing& h) {
+             h.running.set("com.lumenfold.vantoric.studio", {{8, fs::path("/Old/Studio.app")}});
+             h.peer = std::make_shared<StudioPeer>(StudioPeer::Services{h.running, h.sockets, h.signing},
+                                                   "com.lumenfold.vantoric.studio");
+             h.studio = h.connection(std::nullopt, onlyStudio());
+         },
+         "Another copy of Vantoric Studio is running (/Old/Studio.app) and this agent's bridge cannot use it: it "
+         "belongs to /Apps/Studio.app. Quit that copy so this one can start, or add the bridge inside the running "
+         "copy (its Settings \u25B8 Agents)."},
         {"Studio refuses", {}, "No."},
     };
     for (const auto& c : cases) {

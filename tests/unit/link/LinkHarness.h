@@ -222,7 +222,7 @@ struct Harness {
     std::shared_ptr<StudioConnection> connection(std::optional<Link> link = memoryLink(),
                                                  HandshakeListener::VerifyPeer verifyPeer = {},
                                                  std::optional<fs::path> app = fs::path("/Apps/Studio.app")) {
-        StudioConnection::Services services{notifications, running, launcher, random, nullptr, std::move(verifyPeer),
+        StudioConnection::Services services{notifications, running, launcher, random, peer, std::move(verifyPeer),
                                             "com.lumenfold.vantoric.studio", "n", "vantoric-studio-link", network};
         connections.push_back(StudioConnection::create(strand, io.get_executor(), app,
                                                        [] { return std::string("A coding agent"); }, services,
@@ -275,6 +275,7 @@ struct Harness {
     testsupport::FakeRunningApplications running;
     testsupport::FakeApplicationLauncher launcher;
     testsupport::FakeSecureRandom random;
+    std::shared_ptr<const StudioPeer> peer;  // which running copies are usable
     LinkDurations durations;
     std::vector<std::shared_ptr<StudioConnection>> connections;
 };
