@@ -21,8 +21,7 @@ fs::path bridgeBinary() {
 #endif
 }
 
-LinkSession::LinkSession(Settings settings)
-    : bus_(std::make_unique<testsupport::PrivateBus>()) {
+LinkSession::LinkSession(Settings settings) : bus_(std::make_unique<PrivateBus>()) {
     environment_ = bus_->environment();
     environment_["VANTORIC_STUDIO_APP"] = bundle().string();
     environment_["STUDIO_SIM_HOME"] = home_.path().string();
@@ -47,29 +46,24 @@ LinkSession::~LinkSession() {
         bridge_->closeStdin();
         if (!bridge_->wait(10s)) bridge_->kill(SIGKILL);
     }
-    stopStudio();
+    if (studio_) {
+        studio_->kill(SIGTERM);
+        studio_->wait(5s);
+    }
     // Copies the bridge launched are nobody's children here.
     for (pid_t pid : studioProcesses()) kill(pid, SIGTERM);
     for (int i = 0; i < 200 && !studioProcesses().empty(); ++i) std::this_thread::sleep_for(10ms);
     for (pid_t pid : studioProcesses()) kill(pid, SIGKILL);
 }
 
-pid_t LinkSession::startStudio(std::optional<fs::path> app) {
-    fs::path where = app.value_or(bundle());
+pid_t LinkSession::startStudio() {
     writeStudioSettings();
-    studio_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
-        .argv = {(where / "Contents/MacOS/Vantoric Studio").string()}, .environment = environment_, .workingDirectory = {}});
+    studio_ = std::make_unique<ChildProcess>(ChildProcess::Options{
+        .argv = {(bundle() / "Contents/MacOS/Vantoric Studio").string()}, .environment = environment_});
     auto ready = studio_->readLine(10s);
     if (!ready || ready->find("studio-sim ready") == std::string::npos)
         throw std::runtime_error("the simulator did not start: " + studio_->stderrText());
     return studio_->pid();
-}
-
-void LinkSession::stopStudio() {
-    if (!studio_) return;
-    studio_->kill(SIGTERM);
-    studio_->wait(5s);
-    studio_.reset();
 }
 
 std::vector<pid_t> LinkSession::studioProcesses() const {
@@ -103,7 +97,7 @@ std::vector<json> LinkSession::studioEvents(const std::string& event) const {
 void LinkSession::startBridge(std::filesystem::path workingDirectory) {
     if (workingDirectory.empty()) workingDirectory = home_.path();
     writeStudioSettings();
-    bridge_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
+    bridge_ = std::make_unique<ChildProcess>(ChildProcess::Options{
         .argv = {bridgeBinary().string()}, .environment = environment_, .workingDirectory = workingDirectory});
     send({{"jsonrpc", "2.0"}, {"id", "init"}, {"method", "initialize"},
           {"params", {{"protocolVersion", "2025-06-18"}, {"capabilities", json::object()},

@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include "json/Json.h"
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "json/Json.h"
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 #include "support/TempDir.h"
@@ -32,13 +32,12 @@ public:
     explicit LinkSession(Settings settings = {});
     ~LinkSession();
 
-    testsupport::Environment& environment() { return environment_; }
+    Environment& environment() { return environment_; }
     const std::string& busAddress() const { return bus_->address(); }
     const std::filesystem::path& home() const { return home_.path(); }
 
-    // The simulator started by the test from `app` (default: the bundle).
-    pid_t startStudio(std::optional<std::filesystem::path> app = std::nullopt);
-    void stopStudio();
+    // The simulator, started by the test.
+    pid_t startStudio();
     // Every simulator process of this session, whoever started it.
     std::vector<pid_t> studioProcesses() const;
     // The simulator's log events named `event`.
@@ -46,7 +45,7 @@ public:
 
     // The bridge, working in the session's home unless told otherwise.
     void startBridge(std::filesystem::path workingDirectory = {});
-    testsupport::ChildProcess& bridge() { return *bridge_; }
+    ChildProcess& bridge() { return *bridge_; }
     void send(const json& message);
     // The reply to request `id`, or nothing by the deadline. Replies to other
     // requests read meanwhile are kept for later.
@@ -64,11 +63,10 @@ private:
     // launches finds them.
     void writeStudioSettings() const;
 
-    std::unique_ptr<testsupport::PrivateBus> bus_;
-    testsupport::TempDir home_;
-    testsupport::Environment environment_;
-    std::unique_ptr<testsupport::ChildProcess> studio_;
-    std::unique_ptr<testsupport::ChildProcess> bridge_;
+    std::unique_ptr<PrivateBus> bus_;
+    TempDir home_;
+    Environment environment_;
+    std::unique_ptr<ChildProcess> studio_, bridge_;
     std::vector<json> pending_;
 };
 

@@ -180,8 +180,8 @@ TEST(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
         }
         // The bridge announces before the Studio it launched listens, so the
         // attacker connects first; a round where Studio was quicker proves
-        // nothing and is run again.
-        for (int round = 0; round < 3; ++round) {
+        // nothing and is run again, twice at most.
+        for (int round = 0;; ++round) {
             LinkSession session;
             pid_t paused = c.studioRunsPaused ? session.startStudio() : 0;
             if (paused) kill(paused, SIGSTOP);
@@ -190,8 +190,8 @@ TEST(HandoverAttack, StudioExecutableLentToAnotherProcessVouchesForNothing) {
             int read = runAttacker(c.attacker, announced, session.environment());
             if (paused) kill(paused, SIGCONT);
             auto answer = session.reply(1, 30s);
-            if (read == -1000 - ECONNREFUSED) continue;
-            EXPECT_EQ(read, 0) << "the attacker must be closed without a byte";
+            if (read == -1000 - ECONNREFUSED && round < 2) continue;
+            EXPECT_EQ(read, 0) << "the attacker must be closed without a byte (refused: Studio linked first)";
             EXPECT_TRUE(linked(answer)) << (answer ? answer->dump() : session.bridge().stderrText());
             break;
         }
