@@ -36,11 +36,9 @@ public:
     const std::string& busAddress() const { return bus_->address(); }
     const std::filesystem::path& home() const { return home_.path(); }
 
-    // The simulator, started by the test.
     pid_t startStudio();
     // Every simulator process of this session, whoever started it.
     std::vector<pid_t> studioProcesses() const;
-    // The simulator's log events named `event`.
     std::vector<json> studioEvents(const std::string& event) const;
 
     // The bridge, working in the session's home unless told otherwise.
@@ -55,7 +53,6 @@ public:
     // Notifications from the bridge read so far (while waiting for
     // replies), in order; they are handed out once.
     std::vector<json> takeNotifications();
-    // The text of a tool result's first content item.
     static std::string text(const json& result);
 
 private:

@@ -293,11 +293,9 @@ TEST(OverTcp, UploadsCallsAndRefusalsGoThroughTheSockets) {
     auto file = dir.write("big.mov", bytes);
     FakeHttp http;
     Harness h;
+    h.overTcp = true;
     Link link{*URL::parse(http.base() + "/mcp"), *URL::parse(http.base()), token, nullptr};
-    StudioConnection::Services services{h.notifications, h.running, h.launcher, h.random, nullptr, {}, "i", "n", "h"};
-    auto studio = StudioConnection::create(h.strand, h.io.get_executor(), fs::path("/x.app"),
-                                           [] { return std::string(); }, services, h.durations, link);
-    h.connections.push_back(studio);
+    auto studio = h.connection(link);
     http.setHandler([](const FakeHttp::Request& request) {
         return Response{request.method == "PUT" ? 201 : 200, R"({"uploadId":"u-1","result":{}})"};
     });

@@ -223,7 +223,8 @@ struct Harness {
                                                  HandshakeListener::VerifyPeer verifyPeer = {},
                                                  std::optional<fs::path> app = fs::path("/Apps/Studio.app")) {
         StudioConnection::Services services{notifications, running, launcher, random, peer, std::move(verifyPeer),
-                                            "com.lumenfold.vantoric.studio", "n", "vantoric-studio-link", network};
+                                            "com.lumenfold.vantoric.studio", "n", "vantoric-studio-link",
+                                            overTcp ? nullptr : network};
         connections.push_back(StudioConnection::create(strand, io.get_executor(), app,
                                                        [] { return std::string("A coding agent"); }, services,
                                                        durations, link));
@@ -276,6 +277,7 @@ struct Harness {
     testsupport::FakeApplicationLauncher launcher;
     testsupport::FakeSecureRandom random;
     std::shared_ptr<const StudioPeer> peer;  // which running copies are usable
+    bool overTcp = false;                     // the system's loopback TCP instead
     LinkDurations durations;
     std::vector<std::shared_ptr<StudioConnection>> connections;
 };
