@@ -9,7 +9,7 @@ using BridgeInstaller::SkillSource;
 
 namespace {
 
-struct Answer {
+struct ProgramAnswer {
     int status;
     std::string text;
     Registration expected;
@@ -23,7 +23,7 @@ TEST(AgentAnswers, ClaudesEntryLinesAndCodexsTransportDecideTheRegistration) {
     machine.files.put(machine.root / "linked", FileKind::link, "home/real");
     std::string lower = "  command: " + bridge.string() + "\n  The Command: x\n";  // prefixes are case-sensitive
     auto claude = [](const std::string& command, const std::string& args = "") { return claudeAnswer("vantoric-studio", command, args); };
-    std::vector<Answer> cases = {
+    std::vector<ProgramAnswer> cases = {
         {1, "No MCP server named \"vantoric-studio\". Run `claude mcp add` to add one.\n", Registration::absent()},
         {1, "No MCP server named \"vantoric-studio\". Configured servers: a, b\n", Registration::absent()},
         {-1, "Could not start claude: Permission denied.", Registration::unknown("Could not start claude: Permission denied.")},
