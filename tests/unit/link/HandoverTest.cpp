@@ -22,12 +22,9 @@ HandshakeListener::VerifyPeer onlyStudio() {
 }
 
 Json validReply(uint16_t port = 54321) {
-    return {{"ok", true},
-            {"v", 3},
-            {"connectionId", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
+    return {{"ok", true}, {"v", 3}, {"connectionId", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
             {"endpoint", "http://127.0.0.1:" + std::to_string(port) + "/mcp"},
-            {"files", "http://127.0.0.1:" + std::to_string(port + 1)},
-            {"token", std::string(32, 't')}};
+            {"files", "http://127.0.0.1:" + std::to_string(port + 1)}, {"token", std::string(32, 't')}};
 }
 
 struct Listening : Harness {
