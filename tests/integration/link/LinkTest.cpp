@@ -65,24 +65,21 @@ TEST(Link, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
     }
 }
 
-// A call waits for the bus, never the pings meanwhile.
-TEST(Link, UnreachableOrSilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
-    for (bool silent : {false, true}) {
-        LinkSession session;
-        fs::path socketPath = session.home() / "bus";
-        std::optional<SilentSocket> bus;
-        if (silent) bus.emplace(socketPath);
-        session.environment()["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + socketPath.string();
-        session.startBridge();
-        auto start = std::chrono::steady_clock::now();
-        ask(session, 1);
-        std::this_thread::sleep_for(300ms);
-        session.send({{"jsonrpc", "2.0"}, {"id", 2}, {"method", "ping"}});
-        EXPECT_TRUE(session.reply(2, 2s)) << "the ping waited for the bus; silent: " << silent;
-        auto answer = session.reply(1, 30s);
-        ASSERT_TRUE(answer);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
-        EXPECT_TRUE(isError((*answer)["result"]));
-        EXPECT_NE(LinkSession::text((*answer)["result"]).find("DBUS_SESSION_BUS_ADDRESS"), std::string::npos);
-    }
+// A bus that accepts and never answers: the call waits for it within a
+// deadline, the pings meanwhile do not.
+TEST(Link, SilentSessionBusIsAClearErrorAndPingsGoOnMeanwhile) {
+    LinkSession session;
+    SilentSocket bus(session.home() / "bus");
+    session.environment()["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (session.home() / "bus").string();
+    session.startBridge();
+    auto start = std::chrono::steady_clock::now();
+    ask(session, 1);
+    std::this_thread::sleep_for(300ms);
+    session.send({{"jsonrpc", "2.0"}, {"id", 2}, {"method", "ping"}});
+    EXPECT_TRUE(session.reply(2, 2s)) << "the ping waited for the bus";
+    auto answer = session.reply(1, 30s);
+    ASSERT_TRUE(answer);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_TRUE(isError((*answer)["result"]));
+    EXPECT_NE(LinkSession::text((*answer)["result"]).find("DBUS_SESSION_BUS_ADDRESS"), std::string::npos);
 }
