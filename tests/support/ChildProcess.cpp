@@ -62,8 +62,7 @@ ChildProcess::ChildProcess(Options options) {
     std::vector<char*> argv, envp;
     for (auto& a : options.argv) argv.push_back(a.data());
     for (auto& e : entries) envp.push_back(e.data());
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
+    argv.push_back(nullptr), envp.push_back(nullptr);
     int rc = posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(input[0]), close(output[1]);

@@ -46,7 +46,6 @@ public:
     std::optional<int> wait(std::chrono::milliseconds timeout = std::chrono::seconds(10));
     void kill(int signal);
 
-    // Standard error collected so far.
     std::string stderrText() const;
     // Waits until standard error contains the text, or the deadline passes.
     bool waitForStderr(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;

@@ -1,6 +1,7 @@
 #include "support/FakeHttp.h"
 
 #include <algorithm>
+#include <atomic>
 #include <thread>
 
 #include <boost/asio/as_tuple.hpp>
@@ -41,13 +42,10 @@ std::string lower(std::string text) {
 }
 
 std::string answer(const FakeHttp::Response& response, bool refusal) {
-    std::string head = "HTTP/1.1 " + std::to_string(response.status) + (refusal ? " Refused" : " Status") +
-                       "\r\nContent-Type: " + response.contentType + "\r\n";
-    if (refusal) head += "Connection: close\r\n";
-    head += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
-    if (response.close && !refusal) head += "Connection: close\r\n";
-    return response.before + head + "\r\n" + response.body.substr(0, std::min(response.truncateBodyAt, response.body.size())) +
-           response.after;
+    return response.before + "HTTP/1.1 " + std::to_string(response.status) + (refusal ? " Refused" : " Status") +
+           "\r\nContent-Type: " + response.contentType + (refusal || response.close ? "\r\nConnection: close" : "") +
+           "\r\nContent-Length: " + std::to_string(response.body.size()) + "\r\n\r\n" +
+           response.body.substr(0, std::min(response.truncateBodyAt, response.body.size())) + response.after;
 }
 
 }  // namespace
@@ -57,18 +55,13 @@ struct FakeHttp::Server {
     asio::io_context io;
     tcp::acceptor acceptor{io, {asio::ip::address_v4::loopback(), 0}};
     std::thread thread;
-    int nextId = 0;
+    std::atomic<int> nextId = 0;
 
     static asio::awaitable<void> accept(FakeHttp& http) {
         for (;;) {
             auto [ec, socket] = co_await http.server_->acceptor.async_accept(awaited);
             if (ec) co_return;
-            {
-                std::lock_guard lock(http.mutex_);
-                ++http.connections_;
-            }
-            asio::co_spawn(http.server_->io, serve(http, std::make_shared<tcp::socket>(std::move(socket))),
-                           asio::detached);
+            http.serve(std::make_shared<tcp::socket>(std::move(socket)));
         }
     }
 
@@ -88,11 +81,7 @@ struct FakeHttp::Server {
 
     template <class Stream>
     static asio::awaitable<void> serve(FakeHttp& http, std::shared_ptr<Stream> stream) {
-        int id;
-        {
-            std::lock_guard lock(http.mutex_);
-            id = http.server_->nextId++;
-        }
+        int id = http.server_->nextId++;
         boost::beast::flat_buffer buffer;
         for (;;) {
             http::request_parser<http::string_body> parser;
@@ -150,14 +139,14 @@ FakeHttp::~FakeHttp() {
     server_->thread.join();
 }
 
-void FakeHttp::serve(std::unique_ptr<ByteStream> stream) {
-    {
-        std::lock_guard lock(mutex_);
-        ++connections_;
-    }
+template <class Stream>
+void FakeHttp::serve(std::shared_ptr<Stream> stream) {
+    ++connections_;
     auto executor = stream->get_executor();
-    asio::co_spawn(executor, Server::serve(*this, std::shared_ptr<ByteStream>(std::move(stream))), asio::detached);
+    asio::co_spawn(executor, Server::serve(*this, std::move(stream)), asio::detached);
 }
+
+void FakeHttp::serve(std::unique_ptr<ByteStream> stream) { serve(std::shared_ptr<ByteStream>(std::move(stream))); }
 
 void FakeHttp::refuseBodies(Response response) {
     std::lock_guard lock(mutex_);
@@ -172,11 +161,6 @@ void FakeHttp::setHandler(std::function<Response(const Request&)> handler) {
 std::vector<FakeHttp::Request> FakeHttp::requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
-}
-
-int FakeHttp::connections() const {
-    std::lock_guard lock(mutex_);
-    return connections_;
 }
 
 void FakeHttp::closeIdleConnections() {

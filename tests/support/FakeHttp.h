@@ -6,6 +6,7 @@
 // executor. Keep-alive; bodies of any framing are read, answers carry a
 // Content-Length.
 #pragma once
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -51,7 +52,7 @@ public:
     void refuseBodies(Response response);
     void setHandler(std::function<Response(const Request&)> handler);
     std::vector<Request> requests() const;
-    int connections() const;
+    int connections() const { return connections_; }
     // Closes every connection that is waiting for its next request.
     void closeIdleConnections();
     // Serves Studio's end of a connection made elsewhere, on its executor.
@@ -59,6 +60,8 @@ public:
 
 private:
     struct Server;
+    template <class Stream>
+    void serve(std::shared_ptr<Stream> stream);
     std::unique_ptr<Server> server_;
     uint16_t port_ = 0;
     mutable std::mutex mutex_;
@@ -66,7 +69,7 @@ private:
     std::optional<Response> refusal_;
     std::vector<Request> requests_;
     std::map<int, std::function<void()>> idle_;  // closers of the connections waiting for a request
-    int connections_ = 0;
+    std::atomic<int> connections_ = 0;
 };
 
 }  // namespace testsupport

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
@@ -20,14 +21,7 @@ fs::path bridgeBinary() {
 #endif
 }
 
-bool available() {
-    std::error_code ec;
-    return !bridgeBinary().empty() && fs::exists(bridgeBinary(), ec) &&
-           fs::exists(bundle() / "Contents/MacOS/Vantoric Studio", ec);
-}
-
-LinkSession::LinkSession(Settings settings)
-    : bus_(std::make_unique<testsupport::PrivateBus>()) {
+LinkSession::LinkSession(Settings settings) : bus_(std::make_unique<PrivateBus>()) {
     environment_ = bus_->environment();
     environment_["VANTORIC_STUDIO_APP"] = bundle().string();
     environment_["STUDIO_SIM_HOME"] = home_.path().string();
@@ -52,29 +46,24 @@ LinkSession::~LinkSession() {
         bridge_->closeStdin();
         if (!bridge_->wait(10s)) bridge_->kill(SIGKILL);
     }
-    stopStudio();
+    if (studio_) {
+        studio_->kill(SIGTERM);
+        studio_->wait(5s);
+    }
     // Copies the bridge launched are nobody's children here.
     for (pid_t pid : studioProcesses()) kill(pid, SIGTERM);
     for (int i = 0; i < 200 && !studioProcesses().empty(); ++i) std::this_thread::sleep_for(10ms);
     for (pid_t pid : studioProcesses()) kill(pid, SIGKILL);
 }
 
-pid_t LinkSession::startStudio(std::optional<fs::path> app) {
-    fs::path where = app.value_or(bundle());
+pid_t LinkSession::startStudio() {
     writeStudioSettings();
-    studio_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
-        .argv = {(where / "Contents/MacOS/Vantoric Studio").string()}, .environment = environment_, .workingDirectory = {}});
+    studio_ = std::make_unique<ChildProcess>(ChildProcess::Options{
+        .argv = {(bundle() / "Contents/MacOS/Vantoric Studio").string()}, .environment = environment_});
     auto ready = studio_->readLine(10s);
     if (!ready || ready->find("studio-sim ready") == std::string::npos)
         throw std::runtime_error("the simulator did not start: " + studio_->stderrText());
     return studio_->pid();
-}
-
-void LinkSession::stopStudio() {
-    if (!studio_) return;
-    studio_->kill(SIGTERM);
-    studio_->wait(5s);
-    studio_.reset();
 }
 
 std::vector<pid_t> LinkSession::studioProcesses() const {
@@ -108,15 +97,11 @@ std::vector<json> LinkSession::studioEvents(const std::string& event) const {
 void LinkSession::startBridge(std::filesystem::path workingDirectory) {
     if (workingDirectory.empty()) workingDirectory = home_.path();
     writeStudioSettings();
-    bridge_ = std::make_unique<testsupport::ChildProcess>(testsupport::ChildProcess::Options{
+    bridge_ = std::make_unique<ChildProcess>(ChildProcess::Options{
         .argv = {bridgeBinary().string()}, .environment = environment_, .workingDirectory = workingDirectory});
-    send({{"jsonrpc", "2.0"},
-          {"id", "init"},
-          {"method", "initialize"},
-          {"params",
-           {{"protocolVersion", "2025-06-18"},
-            {"capabilities", json::object()},
-            {"clientInfo", {{"name", "link-tests"}, {"version", "1"}}}}}});
+    send({{"jsonrpc", "2.0"}, {"id", "init"}, {"method", "initialize"},
+          {"params", {{"protocolVersion", "2025-06-18"}, {"capabilities", json::object()},
+                      {"clientInfo", {{"name", "link-tests"}, {"version", "1"}}}}}});
     if (!reply("init")) throw std::runtime_error("the bridge did not answer initialize: " + bridge_->stderrText());
     send({{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}});
 }
@@ -124,12 +109,11 @@ void LinkSession::startBridge(std::filesystem::path workingDirectory) {
 void LinkSession::send(const json& message) { bridge_->write(message.dump() + "\n"); }
 
 std::optional<json> LinkSession::reply(const json& id, std::chrono::milliseconds timeout) {
-    for (auto it = pending_.begin(); it != pending_.end(); ++it) {
-        if (it->contains("id") && (*it)["id"] == id) {
-            json found = *it;
-            pending_.erase(it);
-            return found;
-        }
+    auto kept = std::find_if(pending_.begin(), pending_.end(), [&](auto& m) { return m.contains("id") && m["id"] == id; });
+    if (kept != pending_.end()) {
+        json found = std::move(*kept);
+        pending_.erase(kept);
+        return found;
     }
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -152,15 +136,9 @@ json LinkSession::call(int id, const std::string& tool, const json& arguments) {
 }
 
 std::vector<json> LinkSession::takeNotifications() {
-    std::vector<json> taken;
-    for (auto it = pending_.begin(); it != pending_.end();) {
-        if (!it->contains("id")) {
-            taken.push_back(std::move(*it));
-            it = pending_.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    auto notifications = std::stable_partition(pending_.begin(), pending_.end(), [](auto& m) { return m.contains("id"); });
+    std::vector<json> taken(notifications, pending_.end());
+    pending_.erase(notifications, pending_.end());
     return taken;
 }
 

@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include "json/Json.h"
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "json/Json.h"
 #include "support/ChildProcess.h"
 #include "support/PrivateBus.h"
 #include "support/TempDir.h"
@@ -22,10 +22,9 @@ namespace testsupport {
 using json = Json;
 using namespace std::chrono_literals;
 
+// Both built in this tree.
 std::filesystem::path bundle();
 std::filesystem::path bridgeBinary();
-// Both built in this tree.
-bool available();
 
 class LinkSession {
 public:
@@ -33,21 +32,18 @@ public:
     explicit LinkSession(Settings settings = {});
     ~LinkSession();
 
-    testsupport::Environment& environment() { return environment_; }
+    Environment& environment() { return environment_; }
     const std::string& busAddress() const { return bus_->address(); }
     const std::filesystem::path& home() const { return home_.path(); }
 
-    // The simulator started by the test from `app` (default: the bundle).
-    pid_t startStudio(std::optional<std::filesystem::path> app = std::nullopt);
-    void stopStudio();
+    pid_t startStudio();
     // Every simulator process of this session, whoever started it.
     std::vector<pid_t> studioProcesses() const;
-    // The simulator's log events named `event`.
     std::vector<json> studioEvents(const std::string& event) const;
 
     // The bridge, working in the session's home unless told otherwise.
     void startBridge(std::filesystem::path workingDirectory = {});
-    testsupport::ChildProcess& bridge() { return *bridge_; }
+    ChildProcess& bridge() { return *bridge_; }
     void send(const json& message);
     // The reply to request `id`, or nothing by the deadline. Replies to other
     // requests read meanwhile are kept for later.
@@ -57,7 +53,6 @@ public:
     // Notifications from the bridge read so far (while waiting for
     // replies), in order; they are handed out once.
     std::vector<json> takeNotifications();
-    // The text of a tool result's first content item.
     static std::string text(const json& result);
 
 private:
@@ -65,11 +60,10 @@ private:
     // launches finds them.
     void writeStudioSettings() const;
 
-    std::unique_ptr<testsupport::PrivateBus> bus_;
-    testsupport::TempDir home_;
-    testsupport::Environment environment_;
-    std::unique_ptr<testsupport::ChildProcess> studio_;
-    std::unique_ptr<testsupport::ChildProcess> bridge_;
+    std::unique_ptr<PrivateBus> bus_;
+    TempDir home_;
+    Environment environment_;
+    std::unique_ptr<ChildProcess> studio_, bridge_;
     std::vector<json> pending_;
 };
 

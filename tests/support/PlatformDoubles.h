@@ -5,7 +5,6 @@
 // listener's strand while the establishment runs on the bridge's).
 #pragma once
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -23,226 +22,171 @@
 
 namespace testsupport {
 
-class FakeNotificationCenter final : public platform::NotificationCenter {
+// The one lock of a double, held around every look at its state.
+class Guarded {
+protected:
+    template <class F>
+    auto locked(F f) const {
+        std::lock_guard lock(mutex_);
+        return f();
+    }
+    template <class Map, class Key>
+    static typename Map::mapped_type found(const Map& map, const Key& key) {
+        auto it = map.find(key);
+        return it == map.end() ? typename Map::mapped_type{} : it->second;
+    }
+
+private:
+    mutable std::mutex mutex_;
+};
+
+class FakeNotificationCenter final : public platform::NotificationCenter, Guarded {
 public:
     struct Posted {
-        std::string name;
-        std::string object;
+        std::string name, object;
     };
-
     std::optional<platform::SystemError> post(const std::string& name, const std::string& object) override {
-        std::function<void(const Posted&)> hook;
-        {
-            std::lock_guard lock(mutex_);
-            if (failure) return failure;
-            posted_.push_back({name, object});
-            hook = onPost;
-        }
-        if (hook) hook({name, object});
-        return std::nullopt;
+        auto [failed, hook] = locked([&] {
+            if (!failure) posted_.push_back({name, object});
+            return std::pair(failure, onPost);
+        });
+        if (!failed && hook) hook({name, object});
+        return failed;
     }
-
-    std::vector<Posted> posted() const {
-        std::lock_guard lock(mutex_);
-        return posted_;
-    }
+    std::vector<Posted> posted() const { return locked([&] { return posted_; }); }
 
     // Set before use; read under the lock.
     std::optional<platform::SystemError> failure;
     std::function<void(const Posted&)> onPost;
 
 private:
-    mutable std::mutex mutex_;
     std::vector<Posted> posted_;
 };
 
-class FakeRunningApplications final : public platform::RunningApplications {
+class FakeRunningApplications final : public platform::RunningApplications, Guarded {
 public:
     std::vector<platform::RunningApplication> withBundleIdentifier(const std::string& identifier) const override {
-        std::lock_guard lock(mutex_);
-        asked_.push_back(identifier);
-        auto it = apps_.find(identifier);
-        return it == apps_.end() ? std::vector<platform::RunningApplication>{} : it->second;
+        return locked([&] { return found(apps_, identifier); });
     }
-
     std::vector<pid_t> runningFrom(const std::filesystem::path& app) const override {
-        std::lock_guard lock(mutex_);
-        auto it = from_.find(app);
-        return it == from_.end() ? std::vector<pid_t>{} : it->second;
+        return locked([&] { return found(from_, app); });
     }
-
     void set(const std::string& identifier, std::vector<platform::RunningApplication> apps) {
-        std::lock_guard lock(mutex_);
-        apps_[identifier] = std::move(apps);
+        locked([&] { apps_[identifier] = std::move(apps); });
     }
     void setFrom(const std::filesystem::path& app, std::vector<pid_t> pids) {
-        std::lock_guard lock(mutex_);
-        from_[app] = std::move(pids);
-    }
-    std::vector<std::string> asked() const {
-        std::lock_guard lock(mutex_);
-        return asked_;
+        locked([&] { from_[app] = std::move(pids); });
     }
 
 private:
-    mutable std::mutex mutex_;
     std::map<std::string, std::vector<platform::RunningApplication>> apps_;
     std::map<std::filesystem::path, std::vector<pid_t>> from_;
-    mutable std::vector<std::string> asked_;
 };
 
 // Sockets by the ports seen from their holder's side, and which processes
 // hold which socket inodes.
-class FakeProcessSockets final : public platform::ProcessSockets {
+class FakeProcessSockets final : public platform::ProcessSockets, Guarded {
 public:
     std::optional<platform::LoopbackSocket> loopbackSocket(uint16_t localPort, uint16_t remotePort) const override {
-        std::lock_guard lock(mutex_);
-        auto it = sockets_.find({localPort, remotePort});
-        if (it == sockets_.end()) return std::nullopt;
-        return it->second;
+        return locked([&]() -> std::optional<platform::LoopbackSocket> {
+            auto it = sockets_.find({localPort, remotePort});
+            return it == sockets_.end() ? std::nullopt : std::optional(it->second);
+        });
     }
     std::optional<std::vector<uint64_t>> socketInodes(pid_t pid) const override {
-        std::lock_guard lock(mutex_);
-        if (unreadable_.count(pid)) return std::nullopt;
-        auto it = held_.find(pid);
-        return it == held_.end() ? std::vector<uint64_t>{} : it->second;
+        return locked([&]() -> std::optional<std::vector<uint64_t>> {
+            if (unreadable_.count(pid)) return std::nullopt;
+            return found(held_, pid);
+        });
     }
     std::optional<std::vector<pid_t>> holders(uint64_t inode) const override {
-        std::lock_guard lock(mutex_);
-        if (!unreadable_.empty()) return std::nullopt;
-        std::vector<pid_t> found;
-        for (const auto& [pid, inodes] : held_)
-            if (std::find(inodes.begin(), inodes.end(), inode) != inodes.end()) found.push_back(pid);
-        return found;
+        return locked([&]() -> std::optional<std::vector<pid_t>> {
+            if (!unreadable_.empty()) return std::nullopt;
+            std::vector<pid_t> holding;
+            for (const auto& [pid, inodes] : held_)
+                if (std::find(inodes.begin(), inodes.end(), inode) != inodes.end()) holding.push_back(pid);
+            return holding;
+        });
     }
 
     void connection(uint16_t localPort, uint16_t remotePort, platform::LoopbackSocket socket) {
-        std::lock_guard lock(mutex_);
-        sockets_[{localPort, remotePort}] = socket;
+        locked([&] { sockets_[{localPort, remotePort}] = socket; });
     }
-    void hold(pid_t pid, std::vector<uint64_t> inodes) {
-        std::lock_guard lock(mutex_);
-        held_[pid] = std::move(inodes);
-    }
-    void unreadable(pid_t pid) {
-        std::lock_guard lock(mutex_);
-        unreadable_.insert(pid);
-    }
+    void hold(pid_t pid, std::vector<uint64_t> inodes) { locked([&] { held_[pid] = std::move(inodes); }); }
+    void unreadable(pid_t pid) { locked([&] { unreadable_.insert(pid); }); }
 
 private:
-    mutable std::mutex mutex_;
     std::map<std::pair<uint16_t, uint16_t>, platform::LoopbackSocket> sockets_;
     std::map<pid_t, std::vector<uint64_t>> held_;
     std::set<pid_t> unreadable_;
 };
 
-class FakeCodeSigning final : public platform::CodeSigning {
+class FakeCodeSigning final : public platform::CodeSigning, Guarded {
 public:
     bool satisfies(pid_t pid, const std::string& requirement) const override {
-        std::lock_guard lock(mutex_);
-        checked_.push_back({pid, requirement});
-        return signedPids_.count(pid) > 0 && (!acceptedRequirement || *acceptedRequirement == requirement);
+        return locked([&] {
+            checked_.push_back({pid, requirement});
+            return signedPids_.count(pid) > 0;
+        });
     }
     bool validNow(pid_t pid, const std::string& requirement) const override {
-        if (!satisfies(pid, requirement)) return false;
-        std::lock_guard lock(mutex_);
-        return !hindered_.count(pid);
+        return satisfies(pid, requirement) && locked([&] { return !hindered_.count(pid); });
     }
     std::optional<std::string> ownTeam() const override {
-        std::lock_guard lock(mutex_);
-        ++teamReads_;
-        return team_;
+        return locked([&] {
+            ++teamReads_;
+            return team_;
+        });
     }
 
-    void sign(pid_t pid) {
-        std::lock_guard lock(mutex_);
-        signedPids_.insert(pid);
-    }
+    void sign(pid_t pid) { locked([&] { signedPids_.insert(pid); }); }
     // Signed, but stopped or traced.
-    void hinder(pid_t pid) {
-        std::lock_guard lock(mutex_);
-        hindered_.insert(pid);
-    }
-    void setTeam(std::optional<std::string> team) {
-        std::lock_guard lock(mutex_);
-        team_ = std::move(team);
-    }
-    std::vector<std::pair<pid_t, std::string>> checked() const {
-        std::lock_guard lock(mutex_);
-        return checked_;
-    }
-    int teamReads() const {
-        std::lock_guard lock(mutex_);
-        return teamReads_;
-    }
-    // When set, only this exact requirement text is satisfied.
-    std::optional<std::string> acceptedRequirement;
+    void hinder(pid_t pid) { locked([&] { hindered_.insert(pid); }); }
+    void setTeam(std::optional<std::string> team) { locked([&] { team_ = std::move(team); }); }
+    std::vector<std::pair<pid_t, std::string>> checked() const { return locked([&] { return checked_; }); }
+    int teamReads() const { return locked([&] { return teamReads_; }); }
 
 private:
-    mutable std::mutex mutex_;
-    std::set<pid_t> signedPids_;
-    std::set<pid_t> hindered_;
+    std::set<pid_t> signedPids_, hindered_;
     std::optional<std::string> team_;
     mutable std::vector<std::pair<pid_t, std::string>> checked_;
     mutable int teamReads_ = 0;
 };
 
-class FakeApplicationLauncher final : public platform::ApplicationLauncher {
+class FakeApplicationLauncher final : public platform::ApplicationLauncher, Guarded {
 public:
     std::optional<platform::SystemError> openApplication(const std::filesystem::path& app) override {
-        std::function<void(const std::filesystem::path&)> hook;
-        {
-            std::lock_guard lock(mutex_);
+        return locked([&] {
             opened_.push_back(app);
-            if (failure) return failure;
-            hook = onOpen;
-        }
-        if (hook) hook(app);
-        return std::nullopt;
+            return failure;
+        });
     }
-    std::optional<platform::SystemError> openURLs(const std::vector<std::filesystem::path>& files,
-                                                  const std::filesystem::path& app) override {
-        std::lock_guard lock(mutex_);
-        openedFiles_.push_back({files, app});
+    std::optional<platform::SystemError> openURLs(const std::vector<std::filesystem::path>&,
+                                                  const std::filesystem::path&) override {
         return failure;
     }
-
-    std::vector<std::filesystem::path> opened() const {
-        std::lock_guard lock(mutex_);
-        return opened_;
-    }
-    // Every openURLs: the files and the application they were handed to.
-    std::vector<std::pair<std::vector<std::filesystem::path>, std::filesystem::path>> openedFiles() const {
-        std::lock_guard lock(mutex_);
-        return openedFiles_;
-    }
+    std::vector<std::filesystem::path> opened() const { return locked([&] { return opened_; }); }
     std::optional<platform::SystemError> failure;
-    std::function<void(const std::filesystem::path&)> onOpen;
 
 private:
-    mutable std::mutex mutex_;
     std::vector<std::filesystem::path> opened_;
-    std::vector<std::pair<std::vector<std::filesystem::path>, std::filesystem::path>> openedFiles_;
 };
 
 // Hands out the bytes 0, 1, 2, ... continuing across calls, or fails.
-class FakeSecureRandom final : public platform::SecureRandom {
+class FakeSecureRandom final : public platform::SecureRandom, Guarded {
 public:
     bool fill(std::span<uint8_t> bytes) override {
-        std::lock_guard lock(mutex_);
-        ++calls_;
-        if (fails) return false;
-        for (auto& b : bytes) b = next_++;
-        return true;
+        return locked([&] {
+            ++calls_;
+            if (!fails)
+                for (auto& b : bytes) b = next_++;
+            return !fails;
+        });
     }
-    int calls() const {
-        std::lock_guard lock(mutex_);
-        return calls_;
-    }
+    int calls() const { return locked([&] { return calls_; }); }
     bool fails = false;
 
 private:
-    mutable std::mutex mutex_;
     uint8_t next_ = 0;
     int calls_ = 0;
 };

@@ -3,7 +3,11 @@
 // Point the bridge and the simulator at it through environment().
 #pragma once
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -36,6 +40,21 @@ private:
     TempDir dir_;
     ChildProcess daemon_;
     std::string address_;
+};
+
+// A unix socket that accepts connections (the kernel does, from the backlog)
+// and never says a word: a session bus that hangs.
+struct SilentSocket {
+    explicit SilentSocket(const std::filesystem::path& path) {
+        sockaddr_un address{AF_UNIX, {}};
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+        bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        listen(fd, 8);
+    }
+    ~SilentSocket() { close(fd); }
+    SilentSocket(const SilentSocket&) = delete;
+    SilentSocket& operator=(const SilentSocket&) = delete;
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
 };
 
 }  // namespace testsupport

@@ -13,7 +13,6 @@
 
 namespace testsupport {
 
-// Writes a whole file, creating its parent folders.
 inline std::filesystem::path writeFile(const std::filesystem::path& target, const std::string& contents) {
     std::filesystem::create_directories(target.parent_path());
     if (!(std::ofstream(target, std::ios::binary | std::ios::trunc) << contents)) throw std::runtime_error("could not write " + target.string());
@@ -48,7 +47,6 @@ inline std::string readFile(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// The names in a folder, sorted.
 inline std::vector<std::string> namesIn(const std::filesystem::path& folder) {
     std::vector<std::string> names;
     for (auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename().string());

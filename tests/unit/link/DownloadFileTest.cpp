@@ -3,24 +3,16 @@
 // a sweep that clears what dead writers left without touching live ones.
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
-#include "base/BridgeError.h"
+#include "LinkHarness.h"
 #include "link/DownloadFile.h"
-#include "support/TempDir.h"
 
-namespace fs = std::filesystem;
+using namespace linktest;
 using testsupport::namesIn;
 using testsupport::readFile;
-using testsupport::TempDir;
-
 
 TEST(DownloadFile, MissingFoldersAreMadeOnlyForAWholeFile) {
-    TempDir dir;
+    testsupport::TempDir dir;
     auto file = DownloadFile::create(dir / "a/b/out.mp4", false);
     file->write("movie", 5);
     // The bytes wait in the nearest folder that exists; nothing is made yet.
@@ -41,15 +33,20 @@ TEST(DownloadFile, MissingFoldersAreMadeOnlyForAWholeFile) {
     late.reset();
     EXPECT_EQ(namesIn(dir / "a/b"), (std::vector<std::string>{"late.mp4", "out.mp4"}));
 
-    // Abandoned: neither its bytes nor its folders anywhere.
+    // Abandoned, or unfinished when the bridge exits: neither its bytes nor
+    // its folders anywhere.
     auto abandoned = DownloadFile::create(dir / "e/f/out.mp4", false);
     abandoned->write("part", 4);
     abandoned.reset();
+    auto unfinished = DownloadFile::create(dir / "out.mp4", false);
+    unfinished->write("part", 4);
+    ASSERT_EQ(namesIn(dir.path()).size(), 2u);
+    removeUnfinishedDownloads();
     EXPECT_EQ(namesIn(dir.path()), std::vector<std::string>{"a"});
 }
 
 TEST(DownloadFile, TheSweepRemovesOnlyWhatNoLiveWriterHolds) {
-    TempDir dir;
+    testsupport::TempDir dir;
     auto live = DownloadFile::create(dir / "first.mp4", false);
     live->write("first", 5);
     dir.write(".dead.mp4.download-AbC123", "left by a killed bridge");
@@ -61,11 +58,14 @@ TEST(DownloadFile, TheSweepRemovesOnlyWhatNoLiveWriterHolds) {
 
     auto second = DownloadFile::create(dir / "second.mp4", false);
     auto names = namesIn(dir.path());
-    EXPECT_EQ(std::count_if(names.begin(), names.end(), [](auto& n) { return n.find(".dead.") == 0; }), 0);
-    for (const char* kept : {".held.mp4.download-XyZ789", ".notes.download-short", "clip.download-AbC123"})
-        EXPECT_NE(std::find(names.begin(), names.end(), kept), names.end()) << kept;
-    EXPECT_EQ(std::count_if(names.begin(), names.end(), [](auto& n) { return n.find(".first.mp4.download-") == 0; }), 1);
     ::close(held);
+    auto named = [&](const std::string& prefix) {
+        return std::count_if(names.begin(), names.end(), [&](auto& name) { return name.rfind(prefix, 0) == 0; });
+    };
+    EXPECT_EQ(named(".dead."), 0);
+    EXPECT_EQ(named(".first.mp4.download-"), 1);
+    for (const char* kept : {".held.mp4.download-XyZ789", ".notes.download-short", "clip.download-AbC123"})
+        EXPECT_EQ(named(kept), 1) << kept;
 
     live->commit();
     EXPECT_EQ(readFile(dir / "first.mp4"), "first");
@@ -81,44 +81,22 @@ TEST(DownloadFile, TheSweepRemovesOnlyWhatNoLiveWriterHolds) {
     EXPECT_EQ(readFile(dir / "second.mp4"), "second");
 }
 
-TEST(DownloadFile, UnfinishedDownloadsAreRemovedOnTheWayOut) {
-    TempDir dir;
-    auto file = DownloadFile::create(dir / "out.mp4", false);
-    file->write("part", 4);
-    ASSERT_EQ(namesIn(dir.path()).size(), 1u);
-    removeUnfinishedDownloads();
-    EXPECT_TRUE(namesIn(dir.path()).empty());
-}
-
 // Refusals in the user's words, each before a byte lands where it should not.
 TEST(DownloadFile, WhatStandsInTheWayIsNamed) {
-    TempDir dir;
+    testsupport::TempDir dir;
     dir.write("file.txt", "a file, not a folder");
     fs::create_directories(dir / "folder.mp4");
     fs::create_symlink(dir / "nowhere", dir / "dangling.mp4");
-    struct Case {
-        std::string destination;
-        std::string message;
-    };
-    const Case cases[] = {
-        {"file.txt/out.mp4", "Could not create the folder " + (dir / "file.txt").string() + ": Not a directory."},
-        {"folder.mp4", (dir / "folder.mp4").string() + " is a folder: name a file to export to."},
-        {"dangling.mp4", (dir / "dangling.mp4").string() + " already exists."},
-    };
-    for (const auto& [destination, message] : cases) {
-        try {
-            DownloadFile::create(dir / destination, false);
-            ADD_FAILURE() << destination;
-        } catch (const BridgeError& refused) {
-            EXPECT_EQ(refused.what(), message);
-        }
-    }
+    for (const auto& [destination, message] : std::vector<std::pair<std::string, std::string>>{
+             {"file.txt/out.mp4", "Could not create the folder " + (dir / "file.txt").string() + ": Not a directory."},
+             {"folder.mp4", (dir / "folder.mp4").string() + " is a folder: name a file to export to."},
+             {"dangling.mp4", (dir / "dangling.mp4").string() + " already exists."}})
+        EXPECT_EQ(thrown([&] { DownloadFile::create(dir / destination, false); }), message);
 
     // Files put where missing folders were to be made, while the bytes came:
     // refused at the end, with what others put there untouched.
     auto late = DownloadFile::create(dir / "new/deeper/out.mp4", false);
     late->write("bytes", 5);
-    fs::create_directories(dir / "new");
     dir.write("new/deeper", "in the way");
     EXPECT_THROW(late->commit(), BridgeError);
     late.reset();
@@ -128,7 +106,6 @@ TEST(DownloadFile, WhatStandsInTheWayIsNamed) {
     made->write("bytes", 5);
     dir.write("x/y/z", "in the way, two folders down");
     fs::remove_all(dir / "x");
-    fs::create_directories(dir / "x");
     dir.write("x/y", "a file where y goes");
     EXPECT_THROW(made->commit(), BridgeError);
     made.reset();

@@ -22,12 +22,9 @@ HandshakeListener::VerifyPeer onlyStudio() {
 }
 
 Json validReply(uint16_t port = 54321) {
-    return {{"ok", true},
-            {"v", 3},
-            {"connectionId", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
+    return {{"ok", true}, {"v", 3}, {"connectionId", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
             {"endpoint", "http://127.0.0.1:" + std::to_string(port) + "/mcp"},
-            {"files", "http://127.0.0.1:" + std::to_string(port + 1)},
-            {"token", std::string(32, 't')}};
+            {"files", "http://127.0.0.1:" + std::to_string(port + 1)}, {"token", std::string(32, 't')}};
 }
 
 struct Listening : Harness {
@@ -119,20 +116,16 @@ TEST(HandoverReply, OnlyLoopbackEndpointsAndALongTokenAreTaken) {
         {with("token", std::string(31, 't')), unexpected},
         {with("token", "\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9"), unexpected},
     };
-    for (const auto& [value, message] : refused) {
-        try {
-            HandoverReply::validated(value);
-            ADD_FAILURE() << value;
-        } catch (const BridgeError& e) {
-            EXPECT_EQ(e.what(), message) << value;
-        }
-    }
+    for (const auto& [value, message] : refused)
+        EXPECT_EQ(thrown([&] { HandoverReply::validated(value); }), message) << value;
 }
 
 // The bridge's side as a whole: it announces, Studio dials and answers, and
 // calls share one establishment however they wait for it.
 struct Establishing : Harness {
     Establishing() { running.set("com.lumenfold.vantoric.studio", {{7, fs::path("/Apps/Studio.app")}}); }
+    testsupport::FakeProcessSockets sockets;
+    testsupport::FakeCodeSigning signing;
     std::shared_ptr<StudioConnection> studio = connection(std::nullopt, onlyStudio());
 
     // Answers the n-th announcement: the port it names, greeted and answered.
@@ -203,6 +196,16 @@ TEST(Establishing, WhatKeepsItFromLinkingIsSaidAndTheNextCallStartsAfresh) {
         {"no bus", [](Establishing& h) { h.notifications.failure = platform::SystemError{ENOENT, "No session bus"}; },
          "No session bus. Vantoric Studio is asked for a link over the desktop session's bus: start the agent "
          "inside the desktop session, or set DBUS_SESSION_BUS_ADDRESS to its bus."},
+        {"a copy from elsewhere runs",
+         [](Establishing& h) {
+             h.running.set("com.lumenfold.vantoric.studio", {{8, fs::path("/Old/Studio.app")}});
+             h.peer = std::make_shared<StudioPeer>(StudioPeer::Services{h.running, h.sockets, h.signing},
+                                                   "com.lumenfold.vantoric.studio");
+             h.studio = h.connection(std::nullopt, onlyStudio());
+         },
+         "Another copy of Vantoric Studio is running (/Old/Studio.app) and this agent's bridge cannot use it: it "
+         "belongs to /Apps/Studio.app. Quit that copy so this one can start, or add the bridge inside the running "
+         "copy (its Settings \u25B8 Agents)."},
         {"Studio refuses", {}, "No."},
     };
     for (const auto& c : cases) {

@@ -41,10 +41,7 @@ public:
     using Closed = std::array<bool, 2>;
     MemoryStream(boost::beast::test::stream stream, std::shared_ptr<Closed> closed, int side)
         : stream_(std::move(stream)), closed_(std::move(closed)), side_(side) {}
-    ~MemoryStream() override {
-        (*closed_)[side_] = true;
-        *expired_ = true;
-    }
+    ~MemoryStream() override { (*closed_)[side_] = *expired_ = true; }
 
     // The two ends; the first fails as `fails` says.
     static std::pair<std::unique_ptr<MemoryStream>, std::unique_ptr<MemoryStream>> pair(
@@ -100,12 +97,8 @@ protected:
             std::move(done)(*expired ? error_code(boost::beast::error::timeout) : ec, n);
         };
     }
-    void readSome(asio::mutable_buffer into, Completion done) override {
-        stream_.async_read_some(into, timed(std::move(done)));
-    }
-    void writeSome(const Gathered& from, Completion done) override {
-        stream_.async_write_some(from, timed(std::move(done)));
-    }
+    void readSome(asio::mutable_buffer into, Completion done) override { stream_.async_read_some(into, timed(std::move(done))); }
+    void writeSome(const Gathered& from, Completion done) override { stream_.async_write_some(from, timed(std::move(done))); }
 
 private:
     boost::beast::test::stream stream_;
@@ -200,6 +193,17 @@ private:
 
 inline const std::string token(40, 'k');
 
+// What `f` throws ("" when it does not).
+template <class F>
+std::string thrown(F f) {
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
 struct Harness {
     Harness() { durations.httpTimeout = 5s; }
     ~Harness() {
@@ -218,8 +222,9 @@ struct Harness {
     std::shared_ptr<StudioConnection> connection(std::optional<Link> link = memoryLink(),
                                                  HandshakeListener::VerifyPeer verifyPeer = {},
                                                  std::optional<fs::path> app = fs::path("/Apps/Studio.app")) {
-        StudioConnection::Services services{notifications, running, launcher, random, nullptr, std::move(verifyPeer),
-                                            "com.lumenfold.vantoric.studio", "n", "vantoric-studio-link", network};
+        StudioConnection::Services services{notifications, running, launcher, random, peer, std::move(verifyPeer),
+                                            "com.lumenfold.vantoric.studio", "n", "vantoric-studio-link",
+                                            overTcp ? nullptr : network};
         connections.push_back(StudioConnection::create(strand, io.get_executor(), app,
                                                        [] { return std::string("A coding agent"); }, services,
                                                        durations, link));
@@ -255,12 +260,7 @@ struct Harness {
     // What the task throws ("" when it does not).
     template <class T>
     std::string failure(std::future<T>& future) {
-        try {
-            wait(future);
-        } catch (const std::exception& e) {
-            return e.what();
-        }
-        return "";
+        return thrown([&] { wait(future); });
     }
     template <class T>
     std::string failure(asio::awaitable<T> task) {
@@ -276,6 +276,8 @@ struct Harness {
     testsupport::FakeRunningApplications running;
     testsupport::FakeApplicationLauncher launcher;
     testsupport::FakeSecureRandom random;
+    std::shared_ptr<const StudioPeer> peer;  // which running copies are usable
+    bool overTcp = false;                     // the system's loopback TCP instead
     LinkDurations durations;
     std::vector<std::shared_ptr<StudioConnection>> connections;
 };

@@ -33,10 +33,10 @@ struct PeerWorld {
 };
 
 class PeerChecks : public ::testing::Test, public PeerWorld {};
+using VerifiedStudio = PeerChecks;
+using Eligibility = PeerChecks;
 
 }  // namespace
-
-using VerifiedStudio = PeerChecks;
 
 TEST_F(VerifiedStudio, EveryHolderOfTheExactSocketMustBeAValidStudioOfThisUser) {
     struct Case {
@@ -88,20 +88,12 @@ TEST_F(VerifiedStudio, LookAtProcessesIsSharedOnlyByConnectionsAcceptedBeforeIt)
     EXPECT_FALSE(checks.studio(app_, 50001, 40000, StudioPeer::Clock::now()));
 }
 
-using Eligibility = PeerChecks;
-
-TEST_F(Eligibility, WithoutTeamOnlyCopiesRunningFromTheServedBundle) {
+TEST_F(Eligibility, WithoutTeamOnlyCopiesRunningFromTheServedBundleWithTeamEveryCopyInPlatformOrder) {
     fs::create_directories(elsewhere_);
     fs::create_directory_symlink(app_, dir_.path() / "link.app");
-    running_.set(identifier, {{1, elsewhere_},
-                              {2, app_},
-                              {3, std::nullopt},
-                              {4, dir_.path() / "link.app"},
+    running_.set(identifier, {{1, elsewhere_}, {2, app_}, {3, std::nullopt}, {4, dir_.path() / "link.app"},
                               {5, dir_.path() / "Old" / ".." / "Vantoric Studio.app"}});
     EXPECT_EQ(peer().eligible(app_), (std::vector<pid_t>{2, 4, 5}));
-}
-
-TEST_F(Eligibility, WithTeamEveryCopyInPlatformOrder) {
     signing_.setTeam("TEAM123");
     running_.set(identifier, {{9, elsewhere_}, {3, std::nullopt}, {5, app_}});
     EXPECT_EQ(peer().eligible(app_), (std::vector<pid_t>{9, 3, 5}));
@@ -151,7 +143,7 @@ TEST(Challenge, Sha256OfTheNonceInLowercaseHex) {
     EXPECT_EQ(StudioPeer::challenge("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
-TEST(LoopbackURL, McpEndpointAcceptedOnlyExactly) {
+TEST(LoopbackURL, McpEndpointAcceptedOnlyExactlyAndTheFilesBaseWithTheEmptyPath) {
     auto ok = StudioPeer::loopback("http://127.0.0.1:54321/mcp", "/mcp");
     ASSERT_TRUE(ok);
     EXPECT_EQ(ok->port, 54321);
@@ -163,13 +155,9 @@ TEST(LoopbackURL, McpEndpointAcceptedOnlyExactly) {
           "http://127.0.0.1:54321/mcp?", "http://user@127.0.0.1:54321/mcp", "http://u:p@127.0.0.1:54321/mcp",
           "HTTP://127.0.0.1:54321/mcp", "http://127.0.0.1:/mcp", "http://127.0.0.1:65536/mcp",
           "http://127.0.0.1:5x321/mcp", "http://[::1]:54321/mcp", "http://127.0.0.1:54321/m cp",
-          "http://127.0.0.1:54321/%zz", "127.0.0.1:54321/mcp", "http://0x7f.0.0.1:54321/mcp", ""}) {
+          "http://127.0.0.1:54321/%zz", "127.0.0.1:54321/mcp", "http://0x7f.0.0.1:54321/mcp", ""})
         EXPECT_FALSE(StudioPeer::loopback(refused, "/mcp")) << refused;
-    }
     EXPECT_FALSE(StudioPeer::loopback(std::nullopt, "/mcp"));
-}
-
-TEST(LoopbackURL, FilesBaseHasTheEmptyPath) {
     EXPECT_TRUE(StudioPeer::loopback("http://127.0.0.1:54322"));
     EXPECT_FALSE(StudioPeer::loopback("http://127.0.0.1:54322/"));
     EXPECT_FALSE(StudioPeer::loopback("http://127.0.0.1:54322/mcp"));

@@ -17,7 +17,7 @@ std::string xmlInfoPlist(const std::string& body) {
 
 }  // namespace
 
-TEST(BundleReading, ReadsIdentifierVersionAndExecutableFromXmlOrBinary) {
+TEST(BundleReading, IdentifierVersionAndExecutableFromXmlOrBinaryWhenTheyAreStrings) {
     TempDir dir;
     dir.write("Studio.app/Contents/Info.plist",
               xmlInfoPlist("<dict><key>CFBundleIdentifier</key><string>com.example.one</string>"
@@ -44,17 +44,15 @@ TEST(BundleReading, ReadsIdentifierVersionAndExecutableFromXmlOrBinary) {
     EXPECT_EQ(binary->identifier, "com.example.binary");
     EXPECT_FALSE(binary->shortVersion);
     EXPECT_FALSE(binary->executablePath());
-}
 
-TEST(BundleReading, ValuesOfAnotherTypeCountAsMissing) {
-    TempDir dir;
+    // Values of another type count as missing.
     dir.write("N.app/Contents/Info.plist",
               xmlInfoPlist("<dict><key>CFBundleIdentifier</key><integer>7</integer>"
                            "<key>CFBundleShortVersionString</key><real>2.5</real></dict>"));
-    auto info = LinuxBundles().open(dir / "N.app");
-    ASSERT_TRUE(info);
-    EXPECT_FALSE(info->identifier);
-    EXPECT_FALSE(info->shortVersion);
+    auto typed = LinuxBundles().open(dir / "N.app");
+    ASSERT_TRUE(typed);
+    EXPECT_FALSE(typed->identifier);
+    EXPECT_FALSE(typed->shortVersion);
 }
 
 TEST(BundleReading, FolderWithoutAReadableDictionaryIsNoBundle) {

@@ -174,13 +174,10 @@ TEST(ChildProcesses, RunWithOurStandardStreamsClosedAndFailWhenNoDescriptorIsLef
     // A pipe end that lands on 0, 1 or 2 would be overwritten by the child's
     // own standard streams.
     int input = dup(0), output = dup(1);
-    close(0);
-    close(1);
+    close(0), close(1);
     auto fine = shell("echo fine");
-    dup2(input, 0);
-    dup2(output, 1);
-    close(input);
-    close(output);
+    dup2(input, 0), dup2(output, 1);
+    close(input), close(output);
     EXPECT_EQ(fine.head, "fine\n");
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -282,8 +279,7 @@ TEST(ChildProcesses, ChildThatOutlivesSIGKILLIsGivenUpAfterABoundedWait) {
     EXPECT_EQ(result.head, "traced\n");
     EXPECT_EQ(tracerGone, 0) << "the runner returned only once the tracer had gone";
 
-    kill(tracer, SIGKILL);
-    waitpid(tracer, &status, 0);
+    kill(tracer, SIGKILL), waitpid(tracer, &status, 0);
     pid_t child = static_cast<pid_t>(std::stol(testsupport::readFile(pidFile)));
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(noZombies());

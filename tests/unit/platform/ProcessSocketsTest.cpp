@@ -21,9 +21,7 @@ namespace {
 
 struct Fd {
     explicit Fd(int fd = -1) : fd(fd) {}
-    ~Fd() {
-        if (fd >= 0) close(fd);
-    }
+    ~Fd() { close(fd); }
     int fd;
 };
 
@@ -35,26 +33,27 @@ uint16_t portOf(int fd) {
                                               : reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
 }
 
+sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
 // A listener on 127.0.0.1 and one connection to it from `family` (AF_INET6:
 // a v4-mapped address), accepted.
 struct Connection {
     explicit Connection(int family = AF_INET) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback(0);
         bind(listener.fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
         listen(listener.fd, 4);
         address.sin_port = htons(portOf(listener.fd));
+        sockaddr_in6 mapped{AF_INET6, address.sin_port, 0, {}, 0};
+        inet_pton(AF_INET6, "::ffff:127.0.0.1", &mapped.sin6_addr);
         client.fd = socket(family, SOCK_STREAM, 0);
-        if (family == AF_INET) {
-            connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        } else {
-            sockaddr_in6 mapped{};
-            mapped.sin6_family = AF_INET6;
-            mapped.sin6_port = address.sin_port;
-            inet_pton(AF_INET6, "::ffff:127.0.0.1", &mapped.sin6_addr);
-            connect(client.fd, reinterpret_cast<sockaddr*>(&mapped), sizeof mapped);
-        }
+        if (family == AF_INET) connect(client.fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        else connect(client.fd, reinterpret_cast<sockaddr*>(&mapped), sizeof mapped);
         accepted.fd = accept(listener.fd, nullptr, nullptr);
     }
     uint16_t listening() const { return portOf(listener.fd); }
@@ -89,9 +88,7 @@ TEST(LoopbackSocketLookup, FindsTheClientEndByItsExactFourTuple) {
 TEST(LoopbackSocketLookup, SamePortsOverIPv6AreAnotherConnection) {
     // [::1]:P -> [::1]:L does not answer for 127.0.0.1:P -> 127.0.0.1:L.
     Fd listener(socket(AF_INET6, SOCK_STREAM, 0));
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
+    sockaddr_in6 address{AF_INET6, 0, 0, in6addr_loopback, 0};
     ASSERT_EQ(bind(listener.fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     listen(listener.fd, 1);
     address.sin6_port = htons(portOf(listener.fd));
@@ -110,10 +107,7 @@ TEST(LoopbackSocketLookup, SocketMadeByAnotherUserIsTheirs) {
         // Connects as nobody and waits to be killed.
         if (setresuid(65534, 65534, 65534) != 0) _exit(1);
         int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(c.listening());
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback(c.listening());
         if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) _exit(2);
         uint16_t port = portOf(fd);
         (void)!write(report[1], &port, sizeof port);
@@ -125,8 +119,7 @@ TEST(LoopbackSocketLookup, SocketMadeByAnotherUserIsTheirs) {
     auto found = sockets.loopbackSocket(port, c.listening());
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    close(report[0]);
-    close(report[1]);
+    close(report[0]), close(report[1]);
     ASSERT_TRUE(found);
     EXPECT_EQ(found->uid, 65534u);
 }

@@ -10,23 +10,20 @@
 #include "platform/Executable.h"
 #include "support/TempDir.h"
 
-TEST(OwnExecutable, IsThisTestProgram) {
+TEST(ThisProcess, ItsExecutableIsThisTestProgramAndItsEnvironmentItsVariables) {
     auto executable = platform::ownExecutable();
     ASSERT_TRUE(executable);
     EXPECT_TRUE(executable->is_absolute());
     EXPECT_EQ(executable->filename(), "unit_platform");
-}
-
-TEST(CapturedEnvironment, HoldsTheVariablesOfThisProcess) {
     setenv("VSM_TEST_VARIABLE", "a=b", 1);
     setenv("VSM_TEST_EMPTY", "", 1);
     auto environment = platform::captureEnvironment();
+    unsetenv("VSM_TEST_VARIABLE");
+    unsetenv("VSM_TEST_EMPTY");
     EXPECT_EQ(environment["VSM_TEST_VARIABLE"], "a=b");
     EXPECT_EQ(platform::nonEmpty(environment, "VSM_TEST_VARIABLE"), "a=b");
     EXPECT_FALSE(platform::nonEmpty(environment, "VSM_TEST_EMPTY"));
     EXPECT_FALSE(platform::nonEmpty(environment, "VSM_TEST_UNSET_VARIABLE"));
-    unsetenv("VSM_TEST_VARIABLE");
-    unsetenv("VSM_TEST_EMPTY");
 }
 
 // Studio is launched with the session's variables, never the agent's: its

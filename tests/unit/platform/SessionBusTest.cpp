@@ -1,34 +1,15 @@
 // The real session bus connection: where it is looked for, and that a bus
 // which accepts and never answers is an error within the deadline.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <chrono>
 
 #include "platform/SessionBus.h"
-#include "support/TempDir.h"
+#include "support/PrivateBus.h"
 
 using namespace std::chrono_literals;
 
-namespace {
-
-// A unix socket that accepts connections (the kernel does, from the
-// backlog) and never says a word.
-struct SilentSocket {
-    explicit SilentSocket(const std::filesystem::path& path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-        bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        listen(fd, 8);
-    }
-    ~SilentSocket() { close(fd); }
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-};
-
-}  // namespace
+using testsupport::SilentSocket;
 
 TEST(SessionBusAddress, VariableThenRuntimeFolderThenTheStandardPlace) {
     testsupport::TempDir runtime;
