@@ -92,9 +92,13 @@ Environment LinuxApplicationLauncher::launchEnvironment(const Environment& envir
     for (auto display : displayVariables)
         if (launch.contains(std::string(display))) return launch;
     // Agents may start the bridge with a bare environment (no desktop
-    // variables); an application started without them has no screen.
-    auto manager = bus.stringsProperty("org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-                                       "org.freedesktop.systemd1.Manager", "Environment");
+    // variables); an application started without them has no screen. Only a
+    // running manager is asked: a question to a name nobody owns would have
+    // the bus try to start it.
+    const std::string service = "org.freedesktop.systemd1";
+    if (!bus.hasOwner(service).owned) return launch;
+    auto manager = bus.stringsProperty(service, "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
+                                       "Environment");
     for (const auto& entry : manager.value_or(std::vector<std::string>{})) {
         auto equals = entry.find('=');
         std::string_view name = std::string_view(entry).substr(0, equals);

@@ -58,7 +58,7 @@ std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context
             auto self = weak.lock();
             return self ? self->agentName() : std::string(anyAgent);
         },
-        setup.services ? std::move(*setup.services) : StudioConnection::Services::system(setup.bundleIdentifier),
+        setup.services ? std::move(*setup.services) : StudioConnection::Services::system(bridge->bundleIdentifier_),
         setup.timing.link,
         std::move(setup.link));
     bridge->media_.emplace(bridge->studio_, bridge->paths_);
