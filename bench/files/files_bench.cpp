@@ -64,7 +64,7 @@ public:
         auto app = StudioLocation::locateApp(platform::ownExecutable(), environment);
         connection_ = StudioConnection::create(io_.strand, io_.io.get_executor(), app,
                                                [] { return std::string("files_bench"); },
-                                               StudioConnection::Services::system());
+                                               StudioConnection::Services::system(StudioLocation::studioIdentifier(app)));
         link_ = asio::co_spawn(io_.strand, connection_->connect(), asio::use_future).get();
     }
     ~StudioLink() {

@@ -81,7 +81,7 @@ std::shared_ptr<StudioConnection> newConnection(Io& io) {
     auto env = platform::captureEnvironment();
     auto app = StudioLocation::locateApp(platform::ownExecutable(), env);
     return StudioConnection::create(io.strand, io.io.get_executor(), app, [] { return std::string("link_bench"); },
-                                    StudioConnection::Services::system());
+                                    StudioConnection::Services::system(StudioLocation::studioIdentifier(app)));
 }
 
 Link obtain(Io& io, const std::shared_ptr<StudioConnection>& connection) {
@@ -291,7 +291,7 @@ int rejection(int count) {
     auto env = platform::captureEnvironment();
     auto app = StudioLocation::locateApp(platform::ownExecutable(), env);
     if (!app) throw std::runtime_error("no Studio bundle");
-    StudioPeer peer(StudioLocation::bundleIdentifier());
+    StudioPeer peer(StudioLocation::studioIdentifier(app));
     Loopback loopback;
     std::vector<double> alone;
     for (int i = 0; i < count; ++i) {
@@ -333,14 +333,14 @@ int flood(int count, int perSecond) {
     for (int i = 0; i < count; ++i) {
         Io io;
         PortSpy spy;
-        auto services = StudioConnection::Services::system();
+        auto env = platform::captureEnvironment();
+        auto app = StudioLocation::locateApp(platform::ownExecutable(), env);
+        auto services = StudioConnection::Services::system(StudioLocation::studioIdentifier(app));
         StudioConnection::Services spied{spy,           services.running,          services.launcher,
                                          services.random, services.peer,          services.verifyPeer,
                                          services.bundleIdentifier, services.notificationName, services.hello};
-        auto env = platform::captureEnvironment();
-        auto connection =
-            StudioConnection::create(io.strand, io.io.get_executor(), StudioLocation::locateApp(platform::ownExecutable(), env),
-                                     [] { return std::string("link_bench"); }, std::move(spied));
+        auto connection = StudioConnection::create(io.strand, io.io.get_executor(), app,
+                                                   [] { return std::string("link_bench"); }, std::move(spied));
         std::atomic<bool> done{false};
         std::vector<int> hostile;
         std::thread flooder([&] {

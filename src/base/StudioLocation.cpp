@@ -2,7 +2,6 @@
 
 #include <system_error>
 
-#include "platform/Executable.h"
 
 namespace fs = std::filesystem;
 
@@ -55,19 +54,6 @@ std::string StudioLocation::studioIdentifier(const std::optional<fs::path>& app,
 
 std::string StudioLocation::notificationName(std::string_view identifier) {
     return std::string(identifier) + ".agent-link";
-}
-
-const std::string& StudioLocation::bundleIdentifier() {
-    static const std::string value =
-        studioIdentifier(appCandidate(platform::ownExecutable(), platform::captureEnvironment()));
-    return value;
-}
-
-bool StudioLocation::isSubject() { return bundleIdentifier() == subjectIdentifier; }
-
-const std::string& StudioLocation::linkNotification() {
-    static const std::string value = notificationName(bundleIdentifier());
-    return value;
 }
 
 std::string StudioLocation::mcpServerName(std::string_view identifier) {

@@ -1,8 +1,7 @@
 // Where Studio's bundle lies and which of its two builds this bridge serves.
-// The identity values are fixed on first use (thread-safe, once per process)
-// and never change afterwards; the functions read only the environment they
-// are given, the disk and the application registry. StudioMCPBridge exposes
-// all of these as its own static members.
+// The functions read only the environment they are given, the disk and the
+// application registry; main works the served build out once and passes it
+// down.
 #pragma once
 #include <filesystem>
 #include <optional>
@@ -21,12 +20,6 @@ struct StudioLocation {
     // The product's web site, named wherever the user is told to install Studio.
     static constexpr std::string_view webSiteHost = "vantoric.studio";
 
-    // The build this process serves: from its own location or
-    // VANTORIC_STUDIO_APP, never from the registry.
-    static const std::string& bundleIdentifier();
-    static bool isSubject();
-    static const std::string& linkNotification();
-
     static std::optional<std::filesystem::path> appCandidate(const std::optional<std::filesystem::path>& executable,
                                                              const platform::Environment& environment,
                                                              const platform::Bundles& bundles = platform::systemBundles());
@@ -37,6 +30,8 @@ struct StudioLocation {
     // With the real bundles and the standard registry under the environment's HOME.
     static std::optional<std::filesystem::path> locateApp(const std::optional<std::filesystem::path>& executable,
                                                           const platform::Environment& environment);
+    // The build served by a bridge whose bundle candidate is `app` (from its
+    // own location or VANTORIC_STUDIO_APP, never from the registry).
     static std::string studioIdentifier(const std::optional<std::filesystem::path>& app,
                                         const platform::Bundles& bundles = platform::systemBundles());
     static std::string notificationName(std::string_view identifier);
@@ -44,5 +39,4 @@ struct StudioLocation {
     // The MCP server name agents know the bridge by: "studio-subject" for the
     // subject build, "vantoric-studio" for every other identifier.
     static std::string mcpServerName(std::string_view identifier);
-    static std::string serverName() { return mcpServerName(bundleIdentifier()); }
 };

@@ -58,6 +58,7 @@ int main(int argc, char** argv) {
     mallopt(M_ARENA_MAX, 1);
 
     const platform::Environment environment = platform::captureEnvironment();
+    platform::useProcessEnvironment(environment);
     const std::optional<fs::path> executable = platform::ownExecutable();
     const std::optional<fs::path> app = StudioLocation::locateApp(executable, environment);
 

@@ -55,16 +55,16 @@ LinkDurations LinkDurations::fromEnvironment(const std::map<std::string, std::st
     return durations;
 }
 
-StudioConnection::Services StudioConnection::Services::system() {
+StudioConnection::Services StudioConnection::Services::system(const std::string& bundleIdentifier) {
     return Services{
         .notifications = platform::systemNotificationCenter(),
         .running = platform::systemRunningApplications(),
         .launcher = platform::systemApplicationLauncher(),
         .random = platform::systemSecureRandom(),
-        .peer = std::make_shared<StudioPeer>(StudioLocation::bundleIdentifier()),
+        .peer = std::make_shared<StudioPeer>(bundleIdentifier),
         .verifyPeer = {},
-        .bundleIdentifier = StudioLocation::bundleIdentifier(),
-        .notificationName = StudioLocation::linkNotification(),
+        .bundleIdentifier = bundleIdentifier,
+        .notificationName = StudioLocation::notificationName(bundleIdentifier),
         .hello = std::string(StudioLocation::hello),
     };
 }

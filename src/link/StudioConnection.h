@@ -73,8 +73,8 @@ public:
         // TCP loopback when empty.
         std::shared_ptr<LoopbackNetwork> network = nullptr;
 
-        // The Linux services and this process's identity values.
-        static Services system();
+        // The Linux services, for the build `bundleIdentifier` names.
+        static Services system(const std::string& bundleIdentifier);
     };
 
     // Studio's answer to a forwarded call: its tool result object, or the

@@ -15,28 +15,29 @@
 #include "platform/PercentEncoding.h"
 #include "platform/SessionBus.h"
 
-extern char** environ;
-
 namespace fs = std::filesystem;
 
 namespace platform {
 
 namespace {
 
-// Everything between fork and exec must be async-signal-safe: this process
-// has other threads, whose locks the child inherits in whatever state.
+constexpr std::string_view displayVariables[] = {"DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY"};
+
 // What an application needs of the session, and nothing of the agent's:
 // the agent's environment holds its API keys and its own settings, which
 // are none of Studio's business.
-bool sessionVariable(std::string_view entry) {
-    std::string_view name = entry.substr(0, entry.find('='));
-    static constexpr std::string_view exact[] = {"HOME",    "USER",    "LOGNAME",         "PATH",
-                                                 "LANG",    "DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY",
+bool sessionVariable(std::string_view name) {
+    static constexpr std::string_view exact[] = {"HOME", "USER", "LOGNAME", "PATH", "LANG",
                                                  "DBUS_SESSION_BUS_ADDRESS"};
     for (auto allowed : exact)
         if (name == allowed) return true;
+    for (auto display : displayVariables)
+        if (name == display) return true;
     return name.starts_with("LC_") || name.starts_with("XDG_");
 }
+
+// Everything between fork and exec must be async-signal-safe: this process
+// has other threads, whose locks the child inherits in whatever state.
 
 [[noreturn]] void becomeApplication(const char* path, char* const* argv, char* const* envp, int reportFd) {
     if (setsid() < 0) {
@@ -84,8 +85,32 @@ bool sessionVariable(std::string_view entry) {
 
 }  // namespace
 
+Environment LinuxApplicationLauncher::launchEnvironment(const Environment& environment, LinuxSessionBus& bus) {
+    Environment launch;
+    for (const auto& [name, value] : environment)
+        if (sessionVariable(name)) launch.emplace(name, value);
+    for (auto display : displayVariables)
+        if (launch.contains(std::string(display))) return launch;
+    // Agents may start the bridge with a bare environment (no desktop
+    // variables); an application started without them has no screen. Only a
+    // running manager is asked: a question to a name nobody owns would have
+    // the bus try to start it.
+    const std::string service = "org.freedesktop.systemd1";
+    if (!bus.hasOwner(service).owned) return launch;
+    auto manager = bus.stringsProperty(service, "/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager",
+                                       "Environment");
+    for (const auto& entry : manager.value_or(std::vector<std::string>{})) {
+        auto equals = entry.find('=');
+        std::string_view name = std::string_view(entry).substr(0, equals);
+        for (auto display : displayVariables)
+            if (equals != std::string::npos && name == display) launch.emplace(name, entry.substr(equals + 1));
+    }
+    return launch;
+}
+
 std::optional<SystemError> LinuxApplicationLauncher::spawnDetached(const fs::path& executable,
-                                                                   const std::vector<std::string>& arguments) {
+                                                                   const std::vector<std::string>& arguments,
+                                                                   const Environment& environment) {
     std::string path = executable.string();
     std::vector<std::string> strings{path};
     strings.insert(strings.end(), arguments.begin(), arguments.end());
@@ -93,9 +118,10 @@ std::optional<SystemError> LinuxApplicationLauncher::spawnDetached(const fs::pat
     for (auto& s : strings) argv.push_back(s.data());
     argv.push_back(nullptr);
     // Made before the fork: the child may not allocate.
+    std::vector<std::string> entries;
+    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
     std::vector<char*> envp;
-    for (char** entry = environ; *entry; ++entry)
-        if (sessionVariable(*entry)) envp.push_back(*entry);
+    for (auto& entry : entries) envp.push_back(entry.data());
     envp.push_back(nullptr);
 
     int report[2];
@@ -142,7 +168,7 @@ std::optional<SystemError> LinuxApplicationLauncher::openApplication(const fs::p
     if (!bundle) return SystemError{ENOENT, "The application at " + app.string() + " could not be opened."};
     auto executable = bundle->executablePath();
     if (!executable) return SystemError{ENOEXEC, "The application at " + app.string() + " names no executable."};
-    return spawnDetached(*executable, {});
+    return spawnDetached(*executable, {}, launchEnvironment(environment_, bus_));
 }
 
 std::optional<SystemError> LinuxApplicationLauncher::openURLs(const std::vector<fs::path>& files,
@@ -161,11 +187,11 @@ std::optional<SystemError> LinuxApplicationLauncher::openURLs(const std::vector<
     if (!executable) return SystemError{ENOEXEC, "The application at " + app.string() + " names no executable."};
     std::vector<std::string> paths;
     for (const auto& file : files) paths.push_back(file.string());
-    return spawnDetached(*executable, paths);
+    return spawnDetached(*executable, paths, launchEnvironment(environment_, bus_));
 }
 
 ApplicationLauncher& systemApplicationLauncher() {
-    static auto* launcher = new LinuxApplicationLauncher(systemBundles(), systemSessionBus());
+    static auto* launcher = new LinuxApplicationLauncher(systemBundles(), systemSessionBus(), processEnvironment());
     return *launcher;
 }
 

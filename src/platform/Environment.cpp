@@ -17,6 +17,20 @@ Environment captureEnvironment() {
     return env;
 }
 
+namespace {
+std::optional<Environment>& handedOver() {
+    static std::optional<Environment> environment;
+    return environment;
+}
+}  // namespace
+
+void useProcessEnvironment(Environment environment) { handedOver() = std::move(environment); }
+
+const Environment& processEnvironment() {
+    static const Environment& environment = handedOver() ? *handedOver() : handedOver().emplace(captureEnvironment());
+    return environment;
+}
+
 std::optional<std::string> nonEmpty(const Environment& environment, const std::string& name) {
     auto it = environment.find(name);
     if (it == environment.end() || it->second.empty()) return std::nullopt;

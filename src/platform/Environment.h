@@ -13,6 +13,12 @@ using Environment = std::map<std::string, std::string>;
 // The environment of this process, as it is now.
 Environment captureEnvironment();
 
+// The process-wide services (the session bus, the launcher) read the one
+// capture main makes, handed over before their first use. A process that
+// hands none over (a benchmark) gets a capture made at that first use.
+void useProcessEnvironment(Environment environment);
+const Environment& processEnvironment();
+
 // The value of a variable that is set and not empty.
 std::optional<std::string> nonEmpty(const Environment& environment, const std::string& name);
 

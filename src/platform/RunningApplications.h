@@ -40,17 +40,16 @@ public:
 // programs shipped beside the main executable, the bridge itself among them,
 // are not applications. A process running from a replaced executable still
 // counts: it runs from that bundle. Processes that cannot be read (other
-// users, gone meanwhile) are skipped. Without a bus (`bus` null) only the
-// environment tells the session.
+// users, gone meanwhile) are skipped.
 class LinuxRunningApplications final : public RunningApplications {
 public:
-    LinuxRunningApplications(const Bundles& bundles, LinuxSessionBus* bus, std::filesystem::path proc = "/proc");
+    LinuxRunningApplications(const Bundles& bundles, LinuxSessionBus& bus, std::filesystem::path proc = "/proc");
     std::vector<RunningApplication> withBundleIdentifier(const std::string& identifier) const override;
     std::vector<pid_t> runningFrom(const std::filesystem::path& app) const override;
 
 private:
     const Bundles& bundles_;
-    LinuxSessionBus* bus_;
+    LinuxSessionBus& bus_;
     std::filesystem::path proc_;
 };
 

@@ -90,7 +90,7 @@ std::optional<ExecutableBundle> bundleOfExecutable(const std::string& exeLink, c
     return ExecutableBundle{app, info->identifier, replaced};
 }
 
-LinuxRunningApplications::LinuxRunningApplications(const Bundles& bundles, LinuxSessionBus* bus, fs::path proc)
+LinuxRunningApplications::LinuxRunningApplications(const Bundles& bundles, LinuxSessionBus& bus, fs::path proc)
     : bundles_(bundles), bus_(bus), proc_(std::move(proc)) {}
 
 std::vector<RunningApplication> LinuxRunningApplications::withBundleIdentifier(const std::string& identifier) const {
@@ -107,8 +107,8 @@ std::vector<RunningApplication> LinuxRunningApplications::withBundleIdentifier(c
     }
     if (copies.empty()) return copies;
 
-    std::optional<pid_t> owner = bus_ ? bus_->ownerProcess(identifier) : std::nullopt;
-    std::string ours = busIdentity(bus_ ? bus_->address() : sessionBusAddress(captureEnvironment()));
+    std::optional<pid_t> owner = bus_.ownerProcess(identifier);
+    std::string ours = busIdentity(bus_.address());
     std::vector<RunningApplication> found;
     for (auto& copy : copies) {
         bool inSession = owner == copy.processIdentifier;
@@ -154,7 +154,7 @@ std::vector<pid_t> LinuxRunningApplications::runningFrom(const fs::path& app) co
 }
 
 const RunningApplications& systemRunningApplications() {
-    static const auto* running = new LinuxRunningApplications(systemBundles(), &systemSessionBus());
+    static const auto* running = new LinuxRunningApplications(systemBundles(), systemSessionBus());
     return *running;
 }
 

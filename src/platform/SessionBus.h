@@ -33,9 +33,8 @@ std::string busIdentity(const std::string& address);
 
 class LinuxSessionBus {
 public:
-    // `address` as sessionBusAddress() gives it; by default, this process's.
-    explicit LinuxSessionBus(std::chrono::milliseconds deadline = std::chrono::seconds(5),
-                             std::optional<std::string> address = std::nullopt);
+    // `address` as sessionBusAddress() gives it.
+    LinuxSessionBus(std::chrono::milliseconds deadline, std::string address);
     ~LinuxSessionBus();
     LinuxSessionBus(const LinuxSessionBus&) = delete;
     LinuxSessionBus& operator=(const LinuxSessionBus&) = delete;
@@ -57,6 +56,12 @@ public:
     std::optional<pid_t> ownerProcess(const std::string& name);
 
     const std::string& address() const { return address_; }
+
+    // A property holding a list of strings ("as"); nothing when the bus or
+    // the service cannot be asked or has no such property.
+    std::optional<std::vector<std::string>> stringsProperty(const std::string& service, const std::string& path,
+                                                            const std::string& interface,
+                                                            const std::string& property);
 
     // org.freedesktop.Application.Open(uris, {}) on the name's object.
     std::optional<SystemError> openURIs(const std::string& name, const std::string& objectPath,
@@ -80,6 +85,7 @@ private:
 // The process-wide connection used by the real services below, never
 // destroyed: work still running on a pool thread may use it while the
 // process exits.
+// It joins the bus of processEnvironment().
 LinuxSessionBus& systemSessionBus();
 
 }  // namespace platform

@@ -27,7 +27,7 @@ struct SdBus {
     X(sd_bus_message_append_strv) X(sd_bus_message_close_container) X(sd_bus_message_new_method_call)     \
     X(sd_bus_message_open_container) X(sd_bus_message_read) X(sd_bus_message_unref) X(sd_bus_new)         \
     X(sd_bus_set_address) X(sd_bus_set_bus_client) X(sd_bus_start) X(sd_bus_is_ready) X(sd_bus_process)   \
-    X(sd_bus_wait) X(sd_bus_set_method_call_timeout)
+    X(sd_bus_wait) X(sd_bus_set_method_call_timeout) X(sd_bus_get_property_strv)
 #define VSM_DECLARE(name) decltype(&::name) name = nullptr;
     VSM_SD_BUS_FUNCTIONS(VSM_DECLARE)
 #undef VSM_DECLARE
@@ -131,8 +131,8 @@ struct MessageGuard {
 
 }  // namespace
 
-LinuxSessionBus::LinuxSessionBus(std::chrono::milliseconds deadline, std::optional<std::string> address)
-    : deadline_(deadline), address_(address ? *address : sessionBusAddress(captureEnvironment())) {}
+LinuxSessionBus::LinuxSessionBus(std::chrono::milliseconds deadline, std::string address)
+    : deadline_(deadline), address_(std::move(address)) {}
 
 LinuxSessionBus::~LinuxSessionBus() {
     std::lock_guard lock(mutex_);
@@ -248,6 +248,29 @@ std::optional<pid_t> LinuxSessionBus::ownerProcess(const std::string& name) {
     return static_cast<pid_t>(pid);
 }
 
+std::optional<std::vector<std::string>> LinuxSessionBus::stringsProperty(const std::string& service,
+                                                                        const std::string& path,
+                                                                        const std::string& interface,
+                                                                        const std::string& property) {
+    std::lock_guard lock(mutex_);
+    if (connectLocked()) return std::nullopt;
+    ErrorGuard error;
+    char** strings = nullptr;
+    int rc = sd().sd_bus_get_property_strv(bus_, service.c_str(), path.c_str(), interface.c_str(), property.c_str(),
+                                           &error.error, &strings);
+    if (rc < 0) {
+        if (sd().sd_bus_is_open(bus_) <= 0) dropLocked();
+        return std::nullopt;
+    }
+    std::vector<std::string> values;
+    for (char** s = strings; s && *s; ++s) {
+        values.emplace_back(*s);
+        std::free(*s);
+    }
+    std::free(strings);
+    return values;
+}
+
 std::optional<SystemError> LinuxSessionBus::openURIs(const std::string& name, const std::string& objectPath,
                                                      const std::vector<std::string>& uris) {
     std::lock_guard lock(mutex_);
@@ -273,7 +296,7 @@ std::optional<SystemError> LinuxSessionBus::openURIs(const std::string& name, co
 }
 
 LinuxSessionBus& systemSessionBus() {
-    static auto* bus = new LinuxSessionBus;
+    static auto* bus = new LinuxSessionBus(std::chrono::seconds(5), sessionBusAddress(processEnvironment()));
     return *bus;
 }
 

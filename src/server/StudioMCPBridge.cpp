@@ -58,7 +58,8 @@ std::shared_ptr<StudioMCPBridge> StudioMCPBridge::create(boost::asio::io_context
             auto self = weak.lock();
             return self ? self->agentName() : std::string(anyAgent);
         },
-        setup.services ? std::move(*setup.services) : StudioConnection::Services::system(), setup.timing.link,
+        setup.services ? std::move(*setup.services) : StudioConnection::Services::system(bridge->bundleIdentifier_),
+        setup.timing.link,
         std::move(setup.link));
     bridge->media_.emplace(bridge->studio_, bridge->paths_);
     bridge->projects_.emplace(bridge->studio_, bridge->paths_, bridge->app_);

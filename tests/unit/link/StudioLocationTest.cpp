@@ -79,6 +79,4 @@ TEST(ServedBuild, OnlyASubjectBundleMakesTheSubjectBuildAndNamesFollowTheIdentif
     EXPECT_EQ(StudioLocation::mcpServerName(subject), "studio-subject");
     EXPECT_EQ(StudioLocation::mcpServerName(release), "vantoric-studio");
     EXPECT_EQ(StudioLocation::mcpServerName("com.example.other"), "vantoric-studio");
-    EXPECT_EQ(StudioLocation::linkNotification(), StudioLocation::bundleIdentifier() + ".agent-link");
-    EXPECT_EQ(StudioLocation::serverName(), StudioLocation::mcpServerName(StudioLocation::bundleIdentifier()));
 }
