@@ -3,7 +3,7 @@
 namespace server {
 
 Progress::Progress(Json token, Send send)
-    : state_(std::make_shared<State>(State{std::move(token), std::move(send), std::nullopt, {}})) {}
+    : state_(std::make_shared<State>(State{std::move(token), std::move(send), std::nullopt, {}, {}})) {}
 
 std::optional<Json> Progress::tokenIn(const Json& params) {
     if (!params.is_object()) return std::nullopt;

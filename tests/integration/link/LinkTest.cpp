@@ -61,7 +61,9 @@ TEST(Link, ClosingInputDuringAPendingHandoverStopsTheListenerAndExits) {
         ASSERT_TRUE(status) << waitForAsking;
         EXPECT_EQ(*status, 0) << waitForAsking << session.bridge().stderrText();
         EXPECT_LT(std::chrono::steady_clock::now() - start, 6s);
-        if (waitForAsking) EXPECT_EQ(session.bridge().readRest(1s), "");
+        if (waitForAsking) {
+            EXPECT_EQ(session.bridge().readRest(1s), "");
+        }
     }
 }
 

@@ -73,9 +73,9 @@ TEST(ForwardedCall, EachAnswerBecomesAResultARefusalOrOneSentence) {
          "Vantoric Studio answered with JSON nested too deeply."},
         {{.status = 200, .body = "{}", .hangUp = true}, lost},
         {{.status = 200, .body = "{}", .truncateBodyAt = 1}, lost},
-        {{.status = 200, .before = "HTTP/1.1 200 OK\r\nContent-Length: x\r\n\r\n"},
+        {{.status = 200, .body = {}, .before = "HTTP/1.1 200 OK\r\nContent-Length: x\r\n\r\n"},
          "Vantoric Studio sent a malformed HTTP answer (bad Content-Length)."},
-        {{.status = 200, .delay = 60s}, "The request to Vantoric Studio timed out."},
+        {{.status = 200, .body = {}, .delay = 60s}, "The request to Vantoric Studio timed out."},
     };
     for (const auto& c : cases) {
         Harness h;
