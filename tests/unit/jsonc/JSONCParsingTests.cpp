@@ -15,7 +15,6 @@
 namespace {
 
 using jsonc::JSONCDocument;
-
 using Kind = JSONCDocument::Node::Kind;
 
 bool accepts(std::string_view text) { return JSONCDocument::parse(text).has_value(); }

@@ -14,7 +14,6 @@
 namespace {
 
 using jsonc::JSONCDocument;
-
 using Kind = JSONCDocument::Node::Kind;
 
 constexpr int documentsPerRun = 3000;
