@@ -21,9 +21,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const System system{platform::systemFiles(), commands, platform::systemUsers(), environment};
     std::string_view bytes(reinterpret_cast<const char*>(data), size);
     std::string output;
-    utf8::appendRepaired(output, bytes);
-    if (!utf8::isWellFormed(output)) std::abort();
-    if (utf8::isWellFormed(bytes) && output != bytes) std::abort();
+    jsonc::utf8::appendRepaired(output, bytes);
+    if (!jsonc::utf8::isWellFormed(output)) std::abort();
+    if (jsonc::utf8::isWellFormed(bytes) && output != bytes) std::abort();
 
     for (const auto& line : indented(output)) {
         if (line.size() < 5 || line.compare(0, 4, "    ") != 0) std::abort();

@@ -16,11 +16,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto value = Json::parse(line, nullptr, false);
     if (value.is_discarded() || !value.is_object()) return 0;
     try {
-        auto reply = HandoverReply::validated(value);
+        auto reply = studiolink::HandoverReply::validated(value);
         if (reply.endpoint.host != "127.0.0.1" || reply.files.host != "127.0.0.1") abort();
         if (reply.endpoint.path != "/mcp" || !reply.files.path.empty()) abort();
         if (!reply.endpoint.port || *reply.endpoint.port < 1024) abort();
-        if (reply.token.size() < HandoverReply::minimumTokenLength) abort();
+        if (reply.token.size() < studiolink::HandoverReply::minimumTokenLength) abort();
     } catch (const BridgeError&) {
     }
     return 0;

@@ -27,6 +27,11 @@
 
 namespace asio = boost::asio;
 using tcp = asio::ip::tcp;
+using peer::URL;
+using studiolink::HttpRequest;
+using studiolink::HttpResponse;
+using studiolink::HttpSession;
+using studiolink::TransportError;
 
 namespace {
 

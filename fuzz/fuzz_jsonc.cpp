@@ -27,7 +27,7 @@ constexpr std::string_view container = "[1, {\"k\": null} /* c */]";
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::string_view text(reinterpret_cast<const char*>(data), size);
-    auto document = JSONCDocument::parse(text);
+    auto document = jsonc::JSONCDocument::parse(text);
     if (!document) return 0;
     require(document->bytes() == text, "the document's bytes differ from the text");
     require(jsonccheck::brokenInvariant(*document).empty(), jsonccheck::brokenInvariant(*document).c_str());
@@ -35,10 +35,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto& path : jsonccheck::memberPaths(*document, 24)) {
         auto found = document->member(path);
 
-        auto removed = JSONCDocument::removingMember(path, text);
+        auto removed = jsonc::JSONCDocument::removingMember(path, text);
         require(removed.has_value() == found.has_value(), "removal and lookup disagree");
         if (removed) {
-            auto after = JSONCDocument::parse(*removed);
+            auto after = jsonc::JSONCDocument::parse(*removed);
             require(after.has_value(), "the text after a removal does not parse");
             require(!after->member(path), "the path survived its removal");
             require(*removed == jsonccheck::expectedRemoval(std::string(text), path),
@@ -46,13 +46,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
 
         for (std::string_view with : alwaysFitting) {
-            auto replaced = JSONCDocument::replacingValue(path, with, text);
+            auto replaced = jsonc::JSONCDocument::replacingValue(path, with, text);
             require(replaced.has_value() == found.has_value(), "replacing a scalar failed");
             if (replaced)
                 require(*replaced == jsonccheck::splicing(text, found->member().value().range(), with),
                         "a replacement changed bytes outside the value");
         }
-        auto replaced = JSONCDocument::replacingValue(path, container, text);
+        auto replaced = jsonc::JSONCDocument::replacingValue(path, container, text);
         if (!found) {
             require(!replaced, "a replacement succeeded without its path");
         } else {
@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             if (replaced) {
                 require(*replaced == spliced, "a replacement changed bytes outside the value");
             } else {
-                auto after = JSONCDocument::parse(spliced);
+                auto after = jsonc::JSONCDocument::parse(spliced);
                 require(!after || !after->member(path), "a replacement that parses was refused");
             }
         }

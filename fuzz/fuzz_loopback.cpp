@@ -13,17 +13,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string path = newline == std::string::npos ? std::string() : bytes.substr(0, newline);
     std::string text = newline == std::string::npos ? bytes : bytes.substr(newline + 1);
 
-    auto any = URL::parse(text);
+    auto any = peer::URL::parse(text);
     if (any) {
-        auto again = URL::parse(any->absoluteString());
+        auto again = peer::URL::parse(any->absoluteString());
         if (!again || !(*again == *any)) abort();
     }
-    auto url = StudioPeer::loopback(text, path);
+    auto url = peer::StudioPeer::loopback(text, path);
     if (!url) return 0;
     if (url->scheme != "http" || url->host != "127.0.0.1" || url->path != path) abort();
     if (!url->port || *url->port < 1024 || url->user || url->password || url->query) abort();
     // What the bridge would use is accepted again, unchanged.
-    auto written = StudioPeer::loopback(url->absoluteString(), path);
+    auto written = peer::StudioPeer::loopback(url->absoluteString(), path);
     if (!written || !(*written == *url)) abort();
     return 0;
 }

@@ -25,6 +25,8 @@
 #include "support/PlatformDoubles.h"
 
 using namespace server;
+using peer::StudioPeer;
+using studiolink::StudioConnection;
 
 namespace {
 
@@ -112,7 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     context.run();
     // Work handed to the blocking pool (a launch attempt) answers to this
     // context: none may still hold a piece of it when it goes.
-    blocking::settle();
+    studiolink::blocking::settle();
 
     if (!bridge->idle()) std::abort();
     for (const auto& line : written) {

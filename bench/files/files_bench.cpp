@@ -44,6 +44,8 @@ namespace asio = boost::asio;
 namespace fs = std::filesystem;
 using json = Json;
 using Clock = std::chrono::steady_clock;
+using studiolink::Link;
+using studiolink::StudioConnection;
 
 extern char** environ;
 

@@ -109,17 +109,17 @@ int main(int argc, char** argv) {
     }
 
     std::size_t members = 0;
-    auto first = timings(1, [&] { members = JSONCDocument::parse(text)->root().members().size(); });
+    auto first = timings(1, [&] { members = jsonc::JSONCDocument::parse(text)->root().members().size(); });
     mallopt(M_MMAP_MAX, 0);
     mallopt(M_TRIM_THRESHOLD, 1 << 30);
-    for (int i = 0; i < 3; ++i) JSONCDocument::parse(text);
+    for (int i = 0; i < 3; ++i) jsonc::JSONCDocument::parse(text);
     auto parse = timings(25, [&] {
-        auto document = JSONCDocument::parse(text);
+        auto document = jsonc::JSONCDocument::parse(text);
         members = document->root().members().size();
     });
     std::size_t removedBytes = 0;
     auto remove = timings(15, [&] {
-        auto edited = JSONCDocument::removingMember({removedEntry}, text);
+        auto edited = jsonc::JSONCDocument::removingMember({removedEntry}, text);
         removedBytes = text.size() - edited->size();
     });
     std::printf("bytes=%zu\nmembers=%zu\n", text.size(), members);

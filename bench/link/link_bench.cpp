@@ -62,6 +62,9 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 using json = Json;
 using Clock = std::chrono::steady_clock;
+using peer::StudioPeer;
+using studiolink::Link;
+using studiolink::StudioConnection;
 
 extern char** environ;
 

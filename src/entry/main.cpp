@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
                                                                               int signal) {
         if (ec) return;
         if (ending) {
-            removeUnfinishedDownloads();
+            studiolink::removeUnfinishedDownloads();
             std::exit(128 + signal);
         }
         end();
@@ -112,7 +112,7 @@ int main(int argc, char** argv) {
 
     std::thread reader = server::startInputLoop(STDIN_FILENO, bridge, [&] { boost::asio::post(context, end); });
     context.run();
-    removeUnfinishedDownloads();
+    studiolink::removeUnfinishedDownloads();
     // After a signal the reader may still wait for input that never comes;
     // it holds nothing that must be released. Requests still running after
     // the drain are abandoned, not awaited.

@@ -19,7 +19,7 @@ Answer answer(const platform::CommandResult& result, double timeout) {
         bytes += "\n(" + std::to_string(result.cut) + " bytes cut from the middle of this output)\n" + result.tail;
     }
     Answer answer{result.stopped ? -1 : result.status, {}, result.exited && !result.stopped};
-    utf8::appendRepaired(answer.output, bytes);
+    jsonc::utf8::appendRepaired(answer.output, bytes);
     if (result.stopped) {
         double seconds = std::isfinite(timeout) && timeout > 0 ? timeout : 0;
         std::string whole = std::to_string(static_cast<long long>(seconds));

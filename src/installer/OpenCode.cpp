@@ -75,7 +75,7 @@ std::vector<fs::path> openCodeConfigs(const Agent& agent, const platform::Files&
 
 std::optional<std::vector<OpenCodeEntry>> openCodeEntries(std::string_view text, const fs::path& file,
                                                           const std::string& serverName) {
-    auto document = JSONCDocument::parse(text);
+    auto document = jsonc::JSONCDocument::parse(text);
     if (!document) return std::nullopt;
     std::vector<OpenCodeEntry> entries;
     for (auto& path : keyPaths(serverName)) {
@@ -184,7 +184,7 @@ Outcome installOpenCode(const Agent& agent, const fs::path& bridge, const Settin
         auto failure = editEntries(first.file, entries, system.files, [&](const OpenCodeEntry& entry, const std::string& text) {
             auto commandPath = entry.path;
             commandPath.push_back("command");
-            return JSONCDocument::replacingValue(commandPath, commandText, text);
+            return jsonc::JSONCDocument::replacingValue(commandPath, commandText, text);
         });
         if (!failure) {
             outcome.parts.push_back("Studio's MCP server updated (it ran " + describe(first.command) + ")");
@@ -214,7 +214,7 @@ Outcome uninstallOpenCode(const Agent& agent, const fs::path& bridge, const Sett
         const auto& entries = group.second;
         const auto& first = entries.front();
         auto failure = editEntries(first.file, entries, system.files, [](const OpenCodeEntry& entry, const std::string& text) {
-            return JSONCDocument::removingMember(entry.path, text);
+            return jsonc::JSONCDocument::removingMember(entry.path, text);
         });
         if (!failure) {
             outcome.parts.push_back("MCP server removed");

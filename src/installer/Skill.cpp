@@ -9,7 +9,7 @@ namespace {
 
 std::optional<std::string> readText(const fs::path& file, const platform::Files& files) {
     auto contents = files.read(file);
-    if (!contents.bytes || !utf8::isWellFormed(*contents.bytes)) return std::nullopt;
+    if (!contents.bytes || !jsonc::utf8::isWellFormed(*contents.bytes)) return std::nullopt;
     return contents.bytes;
 }
 

@@ -87,7 +87,7 @@ std::string displayable(std::string_view bytes) {
     auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
     auto* end = p + bytes.size();
     while (p < end) {
-        auto sequence = utf8::sequenceAt(p, end);
+        auto sequence = jsonc::utf8::sequenceAt(p, end);
         if (sequence.wellFormed && *p != 0) {
             out.append(reinterpret_cast<const char*>(p), sequence.length);
         } else {

@@ -1,6 +1,8 @@
 // Looking up members by key path.
 #include "jsonc/JSONCDocument.h"
 
+namespace jsonc {
+
 std::optional<JSONCDocument::MemberLocation> JSONCDocument::member(const Path& path) const {
     if (path.empty()) return std::nullopt;
     const Node* current = &root();
@@ -35,3 +37,5 @@ std::optional<std::vector<std::string>> JSONCDocument::strings(const Path& path)
     }
     return texts;
 }
+
+}  // namespace jsonc

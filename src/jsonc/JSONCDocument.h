@@ -29,6 +29,8 @@
 #include <string_view>
 #include <vector>
 
+namespace jsonc {
+
 class JSONCDocument {
     struct Parser;
     struct Storage;
@@ -170,3 +172,5 @@ inline std::string_view JSONCDocument::Node::string() const {
     if (kind_ != Kind::string) return {};
     return {static_cast<const char*>(payload_), count_};
 }
+
+}  // namespace jsonc

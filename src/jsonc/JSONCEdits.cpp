@@ -6,6 +6,8 @@
 
 #include "jsonc/JSONCDocument.h"
 
+namespace jsonc {
+
 namespace {
 
 bool isBlank(std::string_view bytes) {
@@ -110,3 +112,5 @@ std::optional<std::string> JSONCDocument::removingMember(const Path& at, std::st
         if (!found) return text;
     }
 }
+
+}  // namespace jsonc

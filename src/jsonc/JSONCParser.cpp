@@ -20,6 +20,8 @@
 
 #include "jsonc/UTF8.h"
 
+namespace jsonc {
+
 struct JSONCDocument::Storage {
     std::string owned;  // empty when the bytes are borrowed
     std::string_view bytes;
@@ -468,3 +470,5 @@ std::optional<JSONCDocument> JSONCDocument::build(std::shared_ptr<Storage> stora
 std::string_view JSONCDocument::bytes() const { return storage_->bytes; }
 
 const JSONCDocument::Node& JSONCDocument::root() const { return storage_->root; }
+
+}  // namespace jsonc

@@ -1,6 +1,6 @@
 #include "jsonc/UTF8.h"
 
-namespace utf8 {
+namespace jsonc::utf8 {
 
 namespace {
 const unsigned char* begin(std::string_view text) {
@@ -52,4 +52,4 @@ void append(std::string& out, char32_t codePoint) {
     }
 }
 
-}  // namespace utf8
+}  // namespace jsonc::utf8

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace utf8 {
+namespace jsonc::utf8 {
 
 constexpr char32_t replacementCharacter = 0xFFFD;
 
@@ -61,4 +61,4 @@ void appendRepaired(std::string& out, std::string_view text);
 // Appends the encoding of a code point (surrogates are the caller's affair).
 void append(std::string& out, char32_t codePoint);
 
-}  // namespace utf8
+}  // namespace jsonc::utf8

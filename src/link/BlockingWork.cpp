@@ -3,7 +3,7 @@
 #include <chrono>
 #include <thread>
 
-namespace blocking {
+namespace studiolink::blocking {
 
 std::atomic<int>& pending() {
     static std::atomic<int> count{0};
@@ -19,4 +19,4 @@ boost::asio::thread_pool& workers() {
     return *pool;
 }
 
-}  // namespace blocking
+}  // namespace studiolink::blocking

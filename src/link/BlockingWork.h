@@ -24,7 +24,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
-namespace blocking {
+namespace studiolink::blocking {
 
 // Two threads for the whole process (a bus call of up to five seconds must
 // not hold a download's writes), never joined: a process that exits while a
@@ -113,4 +113,4 @@ void discard(std::unique_ptr<T> object) {
         });
 }
 
-}  // namespace blocking
+}  // namespace studiolink::blocking

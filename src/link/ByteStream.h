@@ -23,6 +23,8 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/system/error_code.hpp>
 
+namespace studiolink {
+
 class ByteStream {
 public:
     using executor_type = boost::asio::any_io_executor;
@@ -94,3 +96,5 @@ protected:
     virtual void readSome(boost::asio::mutable_buffer into, Completion done) = 0;
     virtual void writeSome(const Gathered& from, Completion done) = 0;
 };
+
+}  // namespace studiolink

@@ -16,6 +16,8 @@
 
 #include "base/BridgeError.h"
 
+namespace studiolink {
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -229,3 +231,5 @@ void removeUnfinishedDownloads() {
     for (const auto& path : registry()) ::unlink(path.c_str());
     registry().clear();
 }
+
+}  // namespace studiolink

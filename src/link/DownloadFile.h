@@ -28,6 +28,8 @@
 #include <memory>
 #include <string>
 
+namespace studiolink {
+
 class DownloadFile {
 public:
     // Makes the locked temporary file. Refuses a destination that is a folder, or that exists when it may
@@ -59,3 +61,5 @@ void removeUnfinishedDownloads();
 // The hidden name a download into `destination` is written under before it
 // is complete, without its random suffix (".<name>.download-").
 std::string downloadPrefix(const std::filesystem::path& destination);
+
+}  // namespace studiolink

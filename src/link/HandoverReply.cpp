@@ -5,6 +5,8 @@
 #include "base/BridgeError.h"
 #include "peer/StudioPeer.h"
 
+namespace studiolink {
+
 namespace {
 
 std::optional<std::string> stringMember(const Json& object, const char* name) {
@@ -43,9 +45,11 @@ HandoverReply HandoverReply::validated(const Json& reply) {
         throw unexpected;
     auto connectionId = stringMember(reply, "connectionId");
     if (!connectionId || !isUUID(*connectionId)) throw unexpected;
-    auto endpoint = StudioPeer::loopback(stringMember(reply, "endpoint"), "/mcp");
-    auto files = StudioPeer::loopback(stringMember(reply, "files"));
+    auto endpoint = peer::StudioPeer::loopback(stringMember(reply, "endpoint"), "/mcp");
+    auto files = peer::StudioPeer::loopback(stringMember(reply, "files"));
     auto token = stringMember(reply, "token");
     if (!endpoint || !files || !token || characterCount(*token) < minimumTokenLength) throw unexpected;
     return {*endpoint, *files, *token};
 }
+
+}  // namespace studiolink

@@ -8,12 +8,14 @@
 
 #include "peer/URL.h"
 
+namespace studiolink {
+
 struct HandoverReply {
     static constexpr int protocolVersion = 3;
     static constexpr size_t minimumTokenLength = 32;
 
-    URL endpoint;
-    URL files;
+    peer::URL endpoint;
+    peer::URL files;
     std::string token;
 
     // Throws BridgeError.
@@ -21,3 +23,5 @@ struct HandoverReply {
     // 8-4-4-4-12 hexadecimal digits, either case.
     static bool isUUID(const std::string& text);
 };
+
+}  // namespace studiolink

@@ -21,6 +21,8 @@
 #include "link/LoopbackNetwork.h"
 #include "platform/Log.h"
 
+namespace studiolink {
+
 namespace asio = boost::asio;
 using boost::system::error_code;
 
@@ -351,3 +353,5 @@ asio::awaitable<Json> HandshakeListener::reply(std::chrono::steady_clock::durati
         }
     }
 }
+
+}  // namespace studiolink

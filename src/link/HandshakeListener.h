@@ -34,6 +34,8 @@
 #include <string_view>
 #include <vector>
 
+namespace studiolink {
+
 class ByteStream;
 class LoopbackNetwork;
 
@@ -111,3 +113,5 @@ private:
     size_t unloggedRejections_ = 0;
     bool rejectionLogDue_ = false;
 };
+
+}  // namespace studiolink

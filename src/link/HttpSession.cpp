@@ -16,6 +16,10 @@
 #include "link/BlockingWork.h"
 #include "link/UploadFile.h"
 
+using peer::URL;
+
+namespace studiolink {
+
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
@@ -312,3 +316,5 @@ asio::awaitable<int> HttpSession::receiveFile(HttpRequest request, int wanted, F
     if (keep) pool_->release(request.url, std::move(connection));
     co_return status;
 }
+
+}  // namespace studiolink

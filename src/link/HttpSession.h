@@ -32,9 +32,11 @@
 #include "link/LoopbackNetwork.h"
 #include "peer/URL.h"
 
+namespace studiolink {
+
 struct HttpRequest {
     std::string method;  // "GET", "POST", "PUT"
-    URL url;
+    peer::URL url;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
 };
@@ -92,3 +94,5 @@ private:
     struct Pool;
     std::unique_ptr<Pool> pool_;
 };
+
+}  // namespace studiolink

@@ -8,11 +8,15 @@
 
 #include "peer/URL.h"
 
+namespace studiolink {
+
 class HandshakeListener;
 
 struct Link {
-    URL endpoint;
-    URL files;
+    peer::URL endpoint;
+    peer::URL files;
     std::string token;
     std::shared_ptr<HandshakeListener> lifetime;
 };
+
+}  // namespace studiolink

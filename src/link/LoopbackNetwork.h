@@ -19,6 +19,8 @@
 
 #include "link/ByteStream.h"
 
+namespace studiolink {
+
 class LoopbackAcceptor {
 public:
     // A connection, and where it came from (an unspecified address when the
@@ -55,3 +57,5 @@ public:
 
 // TCP through Asio and Beast.
 std::shared_ptr<LoopbackNetwork> systemLoopback();
+
+}  // namespace studiolink

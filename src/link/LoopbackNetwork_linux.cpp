@@ -12,6 +12,8 @@
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 
+namespace studiolink {
+
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 using boost::system::error_code;
@@ -141,3 +143,5 @@ std::shared_ptr<LoopbackNetwork> systemLoopback() {
     static const auto network = std::make_shared<TcpLoopback>();
     return network;
 }
+
+}  // namespace studiolink

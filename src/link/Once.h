@@ -3,6 +3,8 @@
 #pragma once
 #include <mutex>
 
+namespace studiolink {
+
 class Once {
 public:
     bool claim() {
@@ -16,3 +18,5 @@ private:
     std::mutex lock_;
     bool done_ = false;
 };
+
+}  // namespace studiolink

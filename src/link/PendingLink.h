@@ -11,6 +11,8 @@
 
 #include "link/Link.h"
 
+namespace studiolink {
+
 struct PendingLink {
     explicit PendingLink(boost::asio::any_io_executor strand) : strand(std::move(strand)) {}
 
@@ -37,3 +39,5 @@ struct PendingLink {
     std::vector<std::function<void()>> waiters;
     boost::asio::cancellation_signal cancel;
 };
+
+}  // namespace studiolink

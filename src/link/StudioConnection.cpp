@@ -28,6 +28,12 @@
 #include "platform/NotificationCenter.h"
 #include "platform/RunningApplications.h"
 
+using peer::percentEncodeQueryValue;
+using peer::StudioPeer;
+using peer::URL;
+
+namespace studiolink {
+
 namespace asio = boost::asio;
 namespace fs = std::filesystem;
 using boost::system::error_code;
@@ -481,3 +487,5 @@ asio::awaitable<void> StudioConnection::download(std::string downloadId, fs::pat
     if (!isCancellation(failure)) co_await sink.abandon();
     std::rethrow_exception(failure);
 }
+
+}  // namespace studiolink

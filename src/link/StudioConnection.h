@@ -37,7 +37,12 @@ class RunningApplications;
 class ApplicationLauncher;
 class SecureRandom;
 }  // namespace platform
+namespace peer {
 class StudioPeer;
+}  // namespace peer
+
+namespace studiolink {
+
 class HttpSession;
 class LoopbackNetwork;
 
@@ -64,7 +69,7 @@ public:
         const platform::RunningApplications& running;
         platform::ApplicationLauncher& launcher;
         platform::SecureRandom& random;
-        std::shared_ptr<const StudioPeer> peer;
+        std::shared_ptr<const peer::StudioPeer> peer;
         HandshakeListener::VerifyPeer verifyPeer;  // the peer's studio() when empty
         std::string bundleIdentifier;
         std::string notificationName;
@@ -152,3 +157,5 @@ private:
     bool stopped_ = false;
     int64_t nextId_ = 0;
 };
+
+}  // namespace studiolink

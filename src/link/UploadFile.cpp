@@ -10,6 +10,8 @@
 
 #include "base/BridgeError.h"
 
+namespace studiolink {
+
 std::unique_ptr<UploadFile> UploadFile::open(const std::filesystem::path& path) {
     std::unique_ptr<UploadFile> file(new UploadFile(path));
     file->fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
@@ -43,3 +45,5 @@ void UploadFile::fail(int error) const {
 void UploadFile::shrank() const {
     throw BridgeError("Could not read " + path_.string() + ": it became shorter while it was being uploaded.");
 }
+
+}  // namespace studiolink

@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <memory>
 
+namespace studiolink {
+
 class UploadFile {
 public:
     static std::unique_ptr<UploadFile> open(const std::filesystem::path& path);
@@ -37,3 +39,5 @@ private:
     int fd_ = -1;
     uint64_t size_ = 0;
 };
+
+}  // namespace studiolink

@@ -10,6 +10,8 @@
 #include "platform/ProcessSockets.h"
 #include "platform/RunningApplications.h"
 
+namespace peer {
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -137,3 +139,5 @@ std::optional<URL> StudioPeer::loopback(const std::optional<std::string>& text, 
     if (url->path != path) return std::nullopt;
     return url;
 }
+
+}  // namespace peer

@@ -27,6 +27,8 @@ class ProcessSockets;
 class CodeSigning;
 }  // namespace platform
 
+namespace peer {
+
 class StudioPeer {
 public:
     struct Services {
@@ -89,3 +91,5 @@ private:
     mutable std::mutex candidatesLock_;
     mutable std::shared_ptr<const Candidates> candidates_;
 };
+
+}  // namespace peer

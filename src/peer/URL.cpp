@@ -4,6 +4,8 @@
 
 #include "platform/PercentEncoding.h"
 
+namespace peer {
+
 namespace {
 
 bool isHex(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
@@ -140,3 +142,5 @@ URL URL::appendingPathComponent(std::string_view component) const {
 }
 
 std::string percentEncodeQueryValue(std::string_view value) { return platform::percentEncode(value, "!$'()*,;:@/?"); }
+
+}  // namespace peer

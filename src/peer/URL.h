@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+namespace peer {
+
 struct URL {
     std::string scheme;
     std::optional<std::string> user;
@@ -38,3 +40,5 @@ struct URL {
 // Percent-encodes everything but the unreserved characters and those that
 // are safe inside a query value; "&", "=", "+" and "#" are always encoded.
 std::string percentEncodeQueryValue(std::string_view value);
+
+}  // namespace peer

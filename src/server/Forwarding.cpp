@@ -4,7 +4,7 @@
 
 namespace server {
 
-Task<Json> forward(StudioConnection& studio, Json arguments, std::string tool) {
+Task<Json> forward(studiolink::StudioConnection& studio, Json arguments, std::string tool) {
     // Named, not a temporary of the co_await: see StudioConnection::waiting.
     auto forwarding = studio.forward(std::move(arguments), std::move(tool));
     auto forwarded = co_await std::move(forwarding);

@@ -9,6 +9,6 @@
 
 namespace server {
 
-Task<Json> forward(StudioConnection& studio, Json arguments, std::string tool);
+Task<Json> forward(studiolink::StudioConnection& studio, Json arguments, std::string tool);
 
 }  // namespace server

@@ -5,6 +5,9 @@
 #include "server/ToolResults.h"
 
 namespace fs = std::filesystem;
+namespace blocking = studiolink::blocking;
+using studiolink::Link;
+using studiolink::StudioConnection;
 
 namespace server {
 

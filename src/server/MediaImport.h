@@ -15,7 +15,7 @@ namespace server {
 
 class MediaImport {
 public:
-    MediaImport(std::shared_ptr<StudioConnection> studio, const AgentPaths& paths);
+    MediaImport(std::shared_ptr<studiolink::StudioConnection> studio, const AgentPaths& paths);
 
     Task<Json> importMedia(Json arguments, Progress progress);
     // A series call: one whose params.from names a path has that file
@@ -23,7 +23,7 @@ public:
     Task<Json> series(Json arguments, Progress progress);
 
 private:
-    std::shared_ptr<StudioConnection> studio_;
+    std::shared_ptr<studiolink::StudioConnection> studio_;
     const AgentPaths& paths_;
 };
 

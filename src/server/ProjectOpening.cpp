@@ -11,7 +11,7 @@ namespace fs = std::filesystem;
 
 namespace server {
 
-ProjectOpening::ProjectOpening(std::shared_ptr<StudioConnection> studio, const AgentPaths& paths,
+ProjectOpening::ProjectOpening(std::shared_ptr<studiolink::StudioConnection> studio, const AgentPaths& paths,
                                std::optional<fs::path> app)
     : studio_(std::move(studio)), paths_(paths), app_(std::move(app)) {}
 
@@ -33,7 +33,7 @@ Task<Json> ProjectOpening::open(Json arguments) {
     platform::log(folder.string() + " is outside Studio's sandbox; opening it with Studio through Launch Services");
     // Handing files over may wait on the session bus or on a starting
     // application; the strand serves other requests meanwhile.
-    auto handing = blocking::run([&launcher = studio_->launcher(), folder, app = *app_] {
+    auto handing = studiolink::blocking::run([&launcher = studio_->launcher(), folder, app = *app_] {
         return launcher.openURLs({folder}, app);
     });
     if (auto failure = co_await std::move(handing)) throw BridgeError(failure->description);

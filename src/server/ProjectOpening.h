@@ -16,13 +16,13 @@ namespace server {
 
 class ProjectOpening {
 public:
-    ProjectOpening(std::shared_ptr<StudioConnection> studio, const AgentPaths& paths,
+    ProjectOpening(std::shared_ptr<studiolink::StudioConnection> studio, const AgentPaths& paths,
                    std::optional<std::filesystem::path> app);
 
     Task<Json> open(Json arguments);
 
 private:
-    std::shared_ptr<StudioConnection> studio_;
+    std::shared_ptr<studiolink::StudioConnection> studio_;
     const AgentPaths& paths_;
     const std::optional<std::filesystem::path> app_;
 };

@@ -17,6 +17,9 @@
 #include "server/SessionSetup.h"
 #include "server/ToolResults.h"
 
+using studiolink::LinkDurations;
+using studiolink::StudioConnection;
+
 namespace server {
 
 namespace {

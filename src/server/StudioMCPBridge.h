@@ -48,7 +48,7 @@ struct BridgeTiming {
     // The longest a call that starts an export waits for it to settle.
     std::chrono::steady_clock::duration exportWait = std::chrono::seconds(45);
     // The link's waits (45 s for a call, 600 s for Studio's reply, ...).
-    LinkDurations link{};
+    studiolink::LinkDurations link{};
 
     // The defaults, except that the integration tests of the real binary may
     // shorten the export wait (VSM_TEST_EXPORT_WAIT_MS), the progress
@@ -75,8 +75,8 @@ public:
         Output output;
         BridgeTiming timing{};
         const platform::Bundles* bundles = &platform::systemBundles();
-        std::optional<StudioConnection::Services> services;
-        std::optional<Link> link;
+        std::optional<studiolink::StudioConnection::Services> services;
+        std::optional<studiolink::Link> link;
     };
 
     static std::shared_ptr<StudioMCPBridge> create(boost::asio::io_context::executor_type executor, Setup setup);
@@ -126,7 +126,7 @@ private:
     const BridgeTiming timing_;
     const platform::Bundles& bundles_;
     const AgentPaths paths_;
-    std::shared_ptr<StudioConnection> studio_;
+    std::shared_ptr<studiolink::StudioConnection> studio_;
     RequestTable requests_;
     std::optional<MediaImport> media_;
     std::optional<ProjectOpening> projects_;

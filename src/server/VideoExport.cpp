@@ -54,7 +54,7 @@ void reportExport(Progress& progress, const std::optional<Json>& payload) {
 
 }  // namespace
 
-VideoExport::VideoExport(std::shared_ptr<StudioConnection> studio, const AgentPaths& paths,
+VideoExport::VideoExport(std::shared_ptr<studiolink::StudioConnection> studio, const AgentPaths& paths,
                          std::chrono::steady_clock::duration wait)
     : studio_(std::move(studio)), paths_(paths), wait_(wait) {}
 
@@ -184,7 +184,7 @@ Task<std::optional<fs::path>> VideoExport::copy(std::string downloadId, std::chr
     try {
         auto downloading = studio_->download(downloadId, made->destination.url, made->destination.overwrite);
         co_await std::move(downloading);
-    } catch (const TransportError&) {
+    } catch (const studiolink::TransportError&) {
         // Cut short by the connection: stopped, as a cancelled copy is.
         finish("The copy of the export was stopped before it was complete.");
         throw;

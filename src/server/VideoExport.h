@@ -25,7 +25,7 @@ namespace server {
 
 class VideoExport {
 public:
-    VideoExport(std::shared_ptr<StudioConnection> studio, const AgentPaths& paths,
+    VideoExport(std::shared_ptr<studiolink::StudioConnection> studio, const AgentPaths& paths,
                 std::chrono::steady_clock::duration wait);
 
     // action "start" (or none): starts the export, waits up to the bridge's
@@ -57,7 +57,7 @@ private:
     // destination or the copy under way did not end within `wait`.
     Task<std::optional<std::filesystem::path>> copy(std::string downloadId, std::chrono::steady_clock::duration wait);
 
-    std::shared_ptr<StudioConnection> studio_;
+    std::shared_ptr<studiolink::StudioConnection> studio_;
     const AgentPaths& paths_;
     const std::chrono::steady_clock::duration wait_;
     std::optional<Destination> destination_;

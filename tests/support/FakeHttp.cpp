@@ -22,6 +22,7 @@ namespace asio = boost::asio;
 namespace http = boost::beast::http;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
+using studiolink::ByteStream;
 
 namespace testsupport {
 

@@ -17,7 +17,9 @@
 #include <string>
 #include <vector>
 
+namespace studiolink {
 class ByteStream;
+}  // namespace studiolink
 
 namespace testsupport {
 
@@ -56,7 +58,7 @@ public:
     // Closes every connection that is waiting for its next request.
     void closeIdleConnections();
     // Serves Studio's end of a connection made elsewhere, on its executor.
-    void serve(std::unique_ptr<ByteStream> stream);
+    void serve(std::unique_ptr<studiolink::ByteStream> stream);
 
 private:
     struct Server;

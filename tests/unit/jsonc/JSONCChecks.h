@@ -16,6 +16,7 @@
 
 namespace jsonccheck {
 
+using jsonc::JSONCDocument;
 using Kind = JSONCDocument::Node::Kind;
 using Range = JSONCDocument::Range;
 
@@ -33,7 +34,7 @@ inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::
             if (member.keyStart() < after || bytes[member.keyStart()] != '"')
                 return "a key does not start at a quote after the previous member";
             if (member.keyStart() >= member.value().range().lowerBound) return "a key starts after its value";
-            if (!utf8::isWellFormed(member.key())) return "a decoded key is not well-formed UTF-8";
+            if (!jsonc::utf8::isWellFormed(member.key())) return "a decoded key is not well-formed UTF-8";
             if (std::string error = brokenInvariant(bytes, member.value()); !error.empty()) return error;
             after = member.value().range().upperBound;
             if (member.comma() && (*member.comma() < after || bytes[*member.comma()] != ','))
@@ -52,7 +53,7 @@ inline std::string brokenInvariant(std::string_view bytes, const JSONCDocument::
         return after > range.upperBound - 1 ? "an element runs past its array" : "";
     case Kind::string:
         if (first != '"' || last != '"' || range.size() < 2) return "a string's range is not its quotes";
-        return utf8::isWellFormed(node.string()) ? "" : "a decoded string is not well-formed UTF-8";
+        return jsonc::utf8::isWellFormed(node.string()) ? "" : "a decoded string is not well-formed UTF-8";
     case Kind::scalar:
         for (unsigned char c : bytes.substr(range.lowerBound, range.size()))
             if (!std::isalnum(c) && c != '+' && c != '-' && c != '.') return "a scalar holds a byte outside its run";

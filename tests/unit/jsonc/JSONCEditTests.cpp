@@ -6,6 +6,8 @@
 
 namespace {
 
+using jsonc::JSONCDocument;
+
 struct Edit {
     JSONCDocument::Path path;
     std::string text;

@@ -14,6 +14,7 @@
 
 namespace {
 
+using jsonc::JSONCDocument;
 using Kind = JSONCDocument::Node::Kind;
 
 bool accepts(std::string_view text) { return JSONCDocument::parse(text).has_value(); }
@@ -152,7 +153,7 @@ TEST(JSONCStrings, EscapesSurrogatesAndRawBytesDecodeToWellFormedText) {
         EXPECT_EQ(got, decoded) << literal;
     }
     for (const char* illFormed : {"\xC3(", "\xE2\x82", "\xF0\x9F\x98", "\x80", "\xED\xA0\x80", "\xC0\xAF", "\xF4\x90\x80\x80", "\xFF"})
-        EXPECT_FALSE(utf8::isWellFormed(illFormed)) << illFormed;
+        EXPECT_FALSE(jsonc::utf8::isWellFormed(illFormed)) << illFormed;
     // The decoded text outlives the document it came from.
     std::optional<JSONCDocument> copy;
     JSONCDocument::Node node;

@@ -13,6 +13,7 @@
 
 namespace {
 
+using jsonc::JSONCDocument;
 using Kind = JSONCDocument::Node::Kind;
 
 constexpr int documentsPerRun = 3000;
@@ -143,7 +144,7 @@ private:
                 while (unit >= 0xD800 && unit <= 0xDFFF);
                 std::snprintf(digits, sizeof digits, chance(50) ? "\\u%04x" : "\\u%04X", unit);
                 source = digits, decoded.clear();
-                utf8::append(decoded, unit);
+                jsonc::utf8::append(decoded, unit);
                 break;
             }
             case 1: {  // a pair
@@ -151,7 +152,7 @@ private:
                 std::snprintf(digits, sizeof digits, "\\u%04X\\u%04x", 0xD800 + ((scalar - 0x10000) >> 10),
                               0xDC00 + ((scalar - 0x10000) & 0x3FF));
                 source = digits, decoded.clear();
-                utf8::append(decoded, scalar);
+                jsonc::utf8::append(decoded, scalar);
                 break;
             }
             case 2: source = "\\ud800", decoded = ""; break;  // decided by what follows

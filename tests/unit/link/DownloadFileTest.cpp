@@ -8,6 +8,8 @@
 #include "link/DownloadFile.h"
 
 using namespace linktest;
+using studiolink::DownloadFile;
+using studiolink::removeUnfinishedDownloads;
 using testsupport::namesIn;
 using testsupport::readFile;
 

@@ -10,6 +10,7 @@
 using namespace linktest;
 using boost::asio::ip::make_address;
 using boost::asio::ip::tcp;
+using studiolink::HandoverReply;
 
 namespace {
 

@@ -32,7 +32,19 @@ namespace asio = boost::asio;
 namespace fs = std::filesystem;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
+using peer::StudioPeer;
+using peer::URL;
+using studiolink::ByteStream;
+using studiolink::HandshakeListener;
+using studiolink::HttpSession;
+using studiolink::Link;
+using studiolink::LinkDurations;
+using studiolink::LoopbackAcceptor;
+using studiolink::LoopbackNetwork;
+using studiolink::StudioConnection;
+using studiolink::TransportError;
 using testsupport::FakeHttp;
+namespace blocking = studiolink::blocking;
 
 // One end of a connection. It knows when either end closed, so that an idle
 // connection the far end dropped reads as ended, as a socket's does.

@@ -11,6 +11,9 @@
 #include "support/TempDir.h"
 
 namespace fs = std::filesystem;
+using peer::percentEncodeQueryValue;
+using peer::StudioPeer;
+using peer::URL;
 using platform::RunningApplication;
 
 namespace {

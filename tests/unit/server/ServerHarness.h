@@ -30,8 +30,12 @@
 
 namespace testsupport {
 
+using peer::StudioPeer;
+using peer::URL;
 using server::BridgeTiming;
 using server::StudioMCPBridge;
+using studiolink::Link;
+using studiolink::StudioConnection;
 
 inline std::string studioCatalog() {
     return readFile(std::filesystem::path(VSM_SOURCE_DIR) / "tools/studio-sim/resources/studio-agent-mcp.json");
@@ -61,7 +65,7 @@ public:
     // The blocking pool's jobs answer to this context: they end before it goes.
     ~BridgeHarness() {
         if (bridge) drain();
-        blocking::settle();
+        studiolink::blocking::settle();
     }
 
     // Receives the lines in one turn of the strand and runs every task.
