@@ -109,6 +109,8 @@ TEST(LaunchEnvironment, SessionVariablesOnlyAndTheDisplayFromTheServiceManager) 
          {{"LC_TIME", "C"}, {"HOME", "/home/u"}, {"XDG_RUNTIME_DIR", "/run/user/test"}, {"WAYLAND_DISPLAY", "wayland-1"}}},
     };
     for (const auto& c : cases) EXPECT_EQ(platform::LinuxApplicationLauncher::launchEnvironment(c.given, c.bus), c.launched);
+    EXPECT_FALSE(session.stringsProperty("org.freedesktop.systemd1", "/org/freedesktop/systemd1",
+                                         "org.freedesktop.systemd1.Manager", "NoSuchProperty"));
 
     // No manager on the bus, or no bus at all: the session's variables still.
     testsupport::PrivateBus empty;
