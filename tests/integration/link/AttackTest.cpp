@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "support/LinkSession.h"
+#include "support/Loopback.h"
 
 using namespace testsupport;
 namespace fs = std::filesystem;
@@ -36,14 +37,6 @@ sd_bus* openBus(const std::string& address) {
     const char* unique;  // waits for the greeting, so that what follows reaches the daemon
     sd_bus_get_unique_name(bus, &unique);
     return bus;
-}
-
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
 }
 
 // What a connection to the bridge got before it was closed: the bytes, or

@@ -14,8 +14,10 @@
 
 #include "platform/ProcessSockets.h"
 #include "platform/RunningApplications.h"
+#include "support/Loopback.h"
 
 using namespace std::chrono_literals;
+using testsupport::loopback;
 
 namespace {
 
@@ -31,14 +33,6 @@ uint16_t portOf(int fd) {
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&address)->sin_port
                                               : reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
-}
-
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
 }
 
 // A listener on 127.0.0.1 and one connection to it from `family` (AF_INET6:
