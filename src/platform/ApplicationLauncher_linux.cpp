@@ -12,6 +12,7 @@
 
 #include "platform/ApplicationLauncher.h"
 #include "platform/Bundle.h"
+#include "platform/ExecStrings.h"
 #include "platform/PercentEncoding.h"
 #include "platform/SessionBus.h"
 
@@ -112,17 +113,10 @@ std::optional<SystemError> LinuxApplicationLauncher::spawnDetached(const fs::pat
                                                                    const std::vector<std::string>& arguments,
                                                                    const Environment& environment) {
     std::string path = executable.string();
-    std::vector<std::string> strings{path};
-    strings.insert(strings.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& s : strings) argv.push_back(s.data());
-    argv.push_back(nullptr);
-    // Made before the fork: the child may not allocate.
-    std::vector<std::string> entries;
-    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
-    std::vector<char*> envp;
-    for (auto& entry : entries) envp.push_back(entry.data());
-    envp.push_back(nullptr);
+    std::vector<std::string> words{path};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    ExecStrings argv(std::move(words));
+    ExecStrings envp(environment);
 
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) return SystemError::fromErrno(errno, "Could not start " + path);

@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include "platform/CommandRunner.h"
+#include "platform/ExecStrings.h"
 
 namespace platform {
 namespace {
@@ -271,16 +272,10 @@ CommandResult LinuxCommandRunner::run(const std::filesystem::path& program, cons
     posix_spawnattr_setsigdefault(&setup.attributes, &all);
     posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-    std::vector<char*> argv;
-    argv.push_back(programPath.data());
-    std::vector<std::string> words = arguments;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> variables;
-    for (const auto& [name, value] : environment_) variables.push_back(name + "=" + value);
-    std::vector<char*> envp;
-    for (auto& variable : variables) envp.push_back(variable.data());
-    envp.push_back(nullptr);
+    std::vector<std::string> words{programPath};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    ExecStrings argv(std::move(words));
+    ExecStrings envp(environment_);
 
     pid_t pid = -1;
     int error = posix_spawn(&pid, programPath.c_str(), &setup.actions, &setup.attributes, argv.data(), envp.data());
